@@ -1,0 +1,3 @@
+/* placeholder: filled by the owner of this area */
+#pragma once
+#include "hk/base.h"

@@ -1,0 +1,4 @@
+#ifndef HK_WDM_H
+#define HK_WDM_H
+#include "ntddk.h"
+#endif

@@ -1,0 +1,4 @@
+#ifndef HK_WINIOCTL_H
+#define HK_WINIOCTL_H
+#include "hk/base.h"
+#endif
