@@ -1,0 +1,411 @@
+/*
+ * ndisfilter.h - the packet filter framework's interface for client drivers.
+ *
+ * Include <ntddk.h> and <ndis.h> first. Valid C11 and C++.
+ *
+ * Every exported function is declared with NDISFILTER_API; the framework's
+ * image exports exactly these names (its module-definition file and a build
+ * test keep the three in step).
+ */
+#ifndef NDISFILTER_H
+#define NDISFILTER_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define NDISFILTER_API extern
+
+#if defined(__cplusplus)
+#define NDISFILTER_LAYOUT(e) static_assert(e, #e)
+#else
+#define NDISFILTER_LAYOUT(e) _Static_assert(e, #e)
+#endif
+
+/* ------------------------------------------------------------------------
+ * Status codes and enumerations. The numbers are part of the interface.
+ * Each is a 32-bit integer type with its named values.
+ * ------------------------------------------------------------------------ */
+
+typedef LONG FILTER_STATUS;
+enum {
+    FILTER_STATUS_SUCCESS = 0,
+    FILTER_ERROR_INVALID_ARGUMENT = -1,
+    FILTER_ERROR_INVALID_HANDLE = -2,
+    FILTER_ERROR_ADAPTER_NOT_OPEN = -3,
+    FILTER_ERROR_INTERNAL_ERROR = -4,
+    FILTER_ERROR_NO_FREE_ADAPTER_CONTEXT = -5,
+    FILTER_ERROR_INVALID_ADAPTER_CONTEXT = -6,
+    FILTER_ERROR_INVALID_ADAPTER_HANDLE = -7,
+    FILTER_ERROR_UNSUPPORTED_API_VERSION = -8,
+    FILTER_ERROR_DRIVER_ALREADY_REGISTERED = -9,
+    FILTER_ERROR_INVALID_DRIVER_HANDLE = -10,
+    FILTER_ERROR_BUFFER_TOO_SMALL = -11,
+    FILTER_ERROR_DRIVER_NOT_FOUND = -12,
+    FILTER_ERROR_EVENT_HANDLER_ALREADY_REGISTERED = -13,
+    FILTER_ERROR_EVENT_HANDLER_NOT_FOUND = -14,
+    FILTER_ERROR_INVALID_EVENT_HANDLER_OWNER = -15,
+    FILTER_ERROR_INVALID_CONTEXT_OWNER = -16,
+    FILTER_ERROR_INVALID_EVENT_HANDLER = -17,
+    FILTER_ERROR_ADAPTER_NOT_FOUND = -18,
+    FILTER_ERROR_INTERFACE_NOT_ACTIVE = -19,
+    FILTER_ERROR_OUT_OF_MEMORY = -20,
+    FILTER_ERROR_INVALID_NDIS_REQUEST = -21,
+    FILTER_ERROR_EXCEPTION = -22,
+    FILTER_ERROR_FILTER_ALREADY_REGISTERED = -23,
+    FILTER_ERROR_INVALID_PACKET_FILTER = -24,
+    FILTER_ERROR_FILTER_NOT_FOUND = -25,
+    FILTER_ERROR_INVALID_FILTER_OWNER = -26,
+    FILTER_ERROR_INTERFACE_ALREADY_REGISTERED = -27,
+    FILTER_ERROR_INTERFACE_NOT_FOUND = -28,
+    FILTER_ERROR_INVALID_FILTER_INTERFACE = -29,
+    FILTER_ERROR_INVALID_INTERFACE_REFERENCE_OWNER = -30,
+    FILTER_ERROR_INTERFACE_REFERENCE_NOT_FOUND = -31,
+    FILTER_ERROR_INVALID_INTERFACE_OWNER = -32,
+    FILTER_ERROR_INTERFACE_ARE_REFERENCED = -33,
+    FILTER_ERROR_INTERFACE_ARE_INVALID = -34,
+    FILTER_ERROR_INVALID_MEMORY_POINTER = -35,
+    FILTER_ERROR_INVALID_TIMER_HANDLE = -36,
+    FILTER_ERROR_INVALID_TIMER_HANDLER_OWNER = -37,
+    FILTER_ERROR_TIMER_HANDLER_NOT_FOUND = -38,
+    FILTER_ERROR_IOCTL_HANDLER_ALREADY_REGISTERED = -39,
+    FILTER_ERROR_INVALID_IOCTL_HANDLER = -40,
+    FILTER_ERROR_INVALID_IOCTL_HANDLER_OWNER = -41,
+    FILTER_ERROR_IOCTL_HANDLER_NOT_FOUND = -42,
+    FILTER_ERROR_UNSUPPORTED_PROTOCOL = -43,
+    FILTER_ERROR_INVALID_FILTER_TYPE = -44,
+    FILTER_ERROR_DRIVER_DIAG_IN_PROGRESS = -45
+};
+
+/* The verdict of one packet filter. */
+typedef ULONG FILTER_RESULT;
+enum {
+    FILTER_RESULT_BYPASS = 0,
+    FILTER_RESULT_DISCARD = 1,
+    FILTER_RESULT_CONSUME = 2,
+    FILTER_RESULT_CAPTURE = 3
+};
+
+/* The point in the packet path where a filter sits; indexes the four chains. */
+typedef LONG FILTER_TYPE;
+enum {
+    FILTER_TYPE_INVALID = -1,
+    FILTER_TYPE_INCOMING_PACKET = 0,
+    FILTER_TYPE_OUTGOING_PACKET = 1,
+    FILTER_TYPE_INJECT_TO_ADAPTER = 2,
+    FILTER_TYPE_INJECT_TO_PROTOCOL = 3
+};
+
+#define FILTER_TYPE_COUNT 4
+
+/*
+ * Placement of a filter in its chain. Besides the three sentinels every value
+ * is itself a fixed position; FILTER_ORDER_FIXED names the first of them.
+ */
+typedef LONG FILTER_ORDER;
+enum {
+    FILTER_ORDER_NEXT = -2,
+    FILTER_ORDER_LAST = -1,
+    FILTER_ORDER_FIRST = 0,
+    FILTER_ORDER_FIXED = 1
+};
+
+/* How Filter_InvokeFiltersEx walks a chain relative to a given filter. */
+typedef ULONG FILTER_METHOD;
+enum {
+    FILTER_METHOD_START_FROM_FIRST_FILTER = 0,
+    FILTER_METHOD_START_UNTIL_THIS_FILTER = 1,
+    FILTER_METHOD_STOP_AT_THIS_FILTER = 2,
+    FILTER_METHOD_START_FROM_THIS_FILTER = 3,
+    FILTER_METHOD_START_AFTER_THIS_FILTER = 4
+};
+
+
+/* Names of the values above; the strings live as long as the framework. */
+NDISFILTER_API PCSTR NTAPI Filter_StatusString(FILTER_STATUS Status);
+NDISFILTER_API PCSTR NTAPI Filter_ResultString(FILTER_RESULT Result);
+NDISFILTER_API PCSTR NTAPI Filter_TypeString(FILTER_TYPE Type);
+NDISFILTER_API PCSTR NTAPI Filter_OrderString(FILTER_ORDER Order);
+NDISFILTER_API PCSTR NTAPI Filter_MethodString(FILTER_METHOD Method);
+
+/* ------------------------------------------------------------------------
+ * Record tags. Every handle record carries one and is checked against it.
+ * ------------------------------------------------------------------------ */
+
+#define FILTER_DRIVER_TAG            0x54414731 /* "1GAT" */
+#define FILTER_EVENT_HANDLER_TAG     0x54414732 /* "2GAT" */
+#define FILTER_PACKET_FILTER_TAG     0x54414733 /* "3GAT" */
+#define FILTER_INTERFACE_TAG         0x54414734 /* "4GAT" */
+#define FILTER_INTERFACE_REF_TAG     0x54414735 /* "5GAT" */
+#define FILTER_LOG_LOOKASIDE_TAG     0x54414736 /* "6GAT" */
+#define FILTER_MEMORY_TAG            0x54414737 /* "7GAT" */
+#define FILTER_TIMER_TAG             0x54414738 /* "8GAT" */
+#define FILTER_IOCTL_HANDLER_TAG     0x54414739 /* "9GAT" */
+#define FILTER_IF_EVENT_HANDLER_TAG  0x54414741 /* "AGAT" */
+#define FILTER_ADAPTER_TAG           0x41444150 /* "PADA" */
+#define FILTER_NDIS_REQUEST_TAG      0x4E524551 /* "QERN" */
+
+/* ------------------------------------------------------------------------
+ * Memory, locks, settings and time.
+ * ------------------------------------------------------------------------ */
+
+/*
+ * A block from Filter_AllocateMemory is preceded by this header; the pointer
+ * handed out is the address just behind m_Tag.
+ */
+typedef struct _FilterMemory {
+    ULONG m_Size; /* whole allocation: requested size + 12 */
+    ULONG m_Tag;  /* FILTER_MEMORY_TAG while live, 0 once freed */
+} FilterMemory, *PFilterMemory;
+
+#define FILTER_MEMORY_OVERHEAD 12
+
+/* A spin lock that remembers the level it raised from. One holder at a time. */
+typedef struct _FilterLock {
+    KSPIN_LOCK m_SpinLock;
+    KIRQL m_OldIrql;
+} FilterLock, *PFilterLock;
+
+NDISFILTER_API PVOID NTAPI Filter_AllocateMemory(ULONG Size, ULONG PoolTag);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_FreeMemory(PVOID Memory);
+
+NDISFILTER_API FILTER_STATUS NTAPI Filter_InitializeLock(PFilterLock Lock);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_AcquireLock(PFilterLock Lock);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_ReleaseLock(PFilterLock Lock);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_FreeLock(PFilterLock Lock);
+
+/* The four values are the hook driver's version numbers, filled by it. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetOsVersion(PULONG Value1, PULONG Value2,
+                                                       PULONG Value3, PULONG Value4);
+
+NDISFILTER_API NTSTATUS NTAPI Filter_SaveDriverRegistryPath(PUNICODE_STRING Source,
+                                                            PUNICODE_STRING Destination);
+NDISFILTER_API NTSTATUS NTAPI Filter_ReplaceDriverRegistryPath(PUNICODE_STRING Source,
+                                                               PUNICODE_STRING Tail,
+                                                               PUNICODE_STRING Destination);
+NDISFILTER_API ULONG NTAPI Filter_RegGetDwordValue(PUNICODE_STRING RegistryPath,
+                                                   PCWSTR ValueName, ULONG Default);
+NDISFILTER_API BOOLEAN NTAPI Filter_RegGetStringValue(PUNICODE_STRING RegistryPath,
+                                                      PCWSTR ValueName, PUNICODE_STRING Value);
+NDISFILTER_API ULONG NTAPI Filter_GetGlobalDebugFlag(PUNICODE_STRING RegistryPath, ULONG Default);
+NDISFILTER_API ULONG NTAPI Filter_GetPendingPacketLimit(PUNICODE_STRING RegistryPath, ULONG Default);
+NDISFILTER_API VOID NTAPI Filter_SafeGetGlobalDebugFlag(PUNICODE_STRING RegistryPath, ULONG Default,
+                                                        PULONG Result);
+
+/* Seconds and milliseconds since 1 January 1601 (UTC). */
+NDISFILTER_API LONGLONG NTAPI Filter_GetSystemTime(VOID);
+NDISFILTER_API LONGLONG NTAPI Filter_GetSystemTimeMs(VOID);
+
+/* ------------------------------------------------------------------------
+ * Event reporting: short records collected by the user program.
+ * ------------------------------------------------------------------------ */
+
+#define FILTER_EVENT_TEXT_SIZE 1024
+#define FILTER_MAX_EVENT_RECORDS 1023
+
+NDISFILTER_API FILTER_STATUS __cdecl Filter_ReportEvent(ULONG Value1, ULONG Value2, PCSTR Format, ...);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_ReportEventEx(ULONG Value1, ULONG Value2, ULONG Length,
+                                                        PVOID Data);
+
+/* ------------------------------------------------------------------------
+ * Records shared with the NDIS hook driver.
+ * ------------------------------------------------------------------------ */
+
+typedef struct _FilterAdapter FilterAdapter, *PFilterAdapter;
+typedef struct _FilterPacket FilterPacket, *PFilterPacket;
+typedef struct _MappedMemory MappedMemory, *PMappedMemory;
+
+#define NDIS_HOOK_MAJOR_VERSION 1
+#define NDIS_HOOK_MINOR_VERSION 0
+#define NDIS_HOOK_FLAG_BOUND 0x1
+
+/* Callbacks the framework hands to the hook driver. */
+typedef NTSTATUS (NTAPI *PFILTER_ADAPTER_OPENED)(PFilterAdapter Adapter);
+typedef VOID (NTAPI *PFILTER_ADAPTER_STATUS_CHANGED)(PFilterAdapter Adapter, NDIS_STATUS Status);
+typedef NTSTATUS (NTAPI *PFILTER_ADAPTER_CLOSED)(PFilterAdapter Adapter);
+typedef VOID (NTAPI *PFILTER_PACKET_CALLBACK)(PFilterPacket Packet);
+
+/* Functions the hook driver hands to the framework. */
+typedef NTSTATUS (NTAPI *PHOOK_GET_OS_VERSION)(PULONG, PULONG, PULONG, PULONG);
+typedef NTSTATUS (NTAPI *PHOOK_HANDLE_IO_CONTROL)(ULONG IoControlCode, PVOID InputBuffer,
+                                                  ULONG InputLength, PVOID OutputBuffer,
+                                                  ULONG OutputLength, PULONG BytesReturned);
+typedef PFilterPacket (NTAPI *PHOOK_ALLOCATE_PACKET)(PFilterAdapter Adapter, PCSTR File, ULONG Line);
+typedef VOID (NTAPI *PHOOK_FREE_PACKET)(PFilterPacket Packet, PCSTR File, ULONG Line);
+typedef NDIS_STATUS (NTAPI *PHOOK_INJECT_PACKET)(PFilterPacket Packet);
+typedef PVOID (NTAPI *PHOOK_ALLOCATE_REQUEST)(VOID);
+typedef NDIS_STATUS (NTAPI *PHOOK_MAKE_NDIS_REQUEST)(PFilterAdapter Adapter, PVOID Request, PVOID Argument);
+typedef VOID (NTAPI *PHOOK_FREE_REQUEST)(PVOID Request);
+typedef NTSTATUS (NTAPI *PHOOK_SET_ADAPTER_STATUS)(PUCHAR AdapterKey, ULONG State);
+typedef NTSTATUS (NTAPI *PHOOK_GET_ADAPTER_STATUS)(PUCHAR AdapterKey, PULONG State);
+typedef VOID (NTAPI *PHOOK_GET_TCPIP_BOUND_ADAPTERS)(PVOID AdapterList);
+typedef PVOID (NTAPI *PHOOK_MM_MAP_LOCKED_PAGES)(PMDL Mdl, ULONG ShareValue, PMappedMemory Memory);
+typedef VOID (NTAPI *PHOOK_MM_UNMAP_LOCKED_PAGES)(PMDL Mdl, PVOID UserAddress);
+
+/* The binding record exchanged through IOCTL_NDIS_FILTER_INTERNAL_(UN)BIND_NDIS_HOOK. */
+typedef struct _NdisHookAPI {
+    ULONG m_Size;          /* sizeof(NdisHookAPI), 168 */
+    ULONG m_Flags;         /* NDIS_HOOK_FLAG_BOUND while bound */
+    USHORT m_MajorVersion; /* NDIS_HOOK_MAJOR_VERSION */
+    USHORT m_MinorVersion; /* NDIS_HOOK_MINOR_VERSION */
+    /* filled by the framework */
+    PFILTER_ADAPTER_OPENED Filter_AdapterOpened;
+    PFILTER_ADAPTER_STATUS_CHANGED Filter_AdapterStatusChanged;
+    PFILTER_ADAPTER_CLOSED Filter_AdapterClosed;
+    PFILTER_PACKET_CALLBACK Filter_FilterReceivedPacket;
+    PFILTER_PACKET_CALLBACK Filter_FilterSendPacket;
+    /* filled by the hook driver */
+    PHOOK_GET_OS_VERSION Hook_GetOsVersion;
+    PHOOK_HANDLE_IO_CONTROL Hook_HandleIoControl;
+    PHOOK_ALLOCATE_PACKET Hook_AllocatePacket;
+    PHOOK_FREE_PACKET Hook_FreePacket;
+    PHOOK_INJECT_PACKET Hook_InjectPacketToAdapter;
+    PHOOK_INJECT_PACKET Hook_InjectPacketToProtocol;
+    PHOOK_ALLOCATE_REQUEST Hook_AllocateRequest;
+    PHOOK_MAKE_NDIS_REQUEST Hook_MakeNdisRequest;
+    PHOOK_FREE_REQUEST Hook_FreeRequest;
+    PHOOK_SET_ADAPTER_STATUS Hook_SetAdapterStatus;
+    PHOOK_GET_ADAPTER_STATUS Hook_GetAdapterStatus;
+    PHOOK_GET_TCPIP_BOUND_ADAPTERS Hook_GetTcpIpBoundAdapters;
+    PHOOK_MM_MAP_LOCKED_PAGES Hook_MmMapLockedPages;
+    PHOOK_MM_UNMAP_LOCKED_PAGES Hook_MmUnmapLockedPages;
+} NdisHookAPI, *PNdisHookAPI;
+
+NDISFILTER_LAYOUT(sizeof(NdisHookAPI) == 168);
+
+/* One entry of the adapter table, written by the hook driver and copied out whole. */
+#pragma pack(push, 1)
+typedef struct _AdapterInfo {
+    PFilterAdapter m_hAdapter;
+    ULONG m_nAdapterMedium;
+    USHORT m_usMTU;
+    ULONG m_dwAdapterState;
+    UCHAR m_PermanentAddress[6];
+    UCHAR m_CurrentAddress[6];
+    CHAR m_szAdapterName[256]; /* begins with the network-configuration instance id */
+} AdapterInfo, *PAdapterInfo;
+#pragma pack(pop)
+
+NDISFILTER_LAYOUT(sizeof(AdapterInfo) == 286);
+
+#define FILTER_MAX_ADAPTERS 32
+
+/* ------------------------------------------------------------------------
+ * The memory shared with the user program: two rings of packet blocks.
+ *
+ *   MappedMemory                     (1724520 bytes, one non-paged allocation)
+ *   +0   m_pUserModeVirtualAddress   user address of the mapping, 0 when unmapped
+ *   +8   m_pMdl                      the MDL describing the whole allocation
+ *   +16  m_nSize                     sizeof(SharedMemory)
+ *   +20  m_SharedMemory              what START_SHARE hands to the program:
+ *          +0       KernelModeOutput   ring header: framework writes, program reads
+ *          +40      KernelModeInput    ring header: program writes, framework reads
+ *          +80      512 output blocks
+ *          +862288  512 input blocks
+ *
+ * Ring indexes: the framework writes m_iRead of the input ring and m_iWrite
+ * and m_nCount of the output ring; the program writes the other index of
+ * each. Empty when m_iRead == m_iWrite; full when (m_iWrite + 1) % count ==
+ * m_iRead, so at most 511 blocks are in flight.
+ * ------------------------------------------------------------------------ */
+
+#define SHARED_BLOCK_SIZE        1684
+#define SHARED_BLOCK_COUNT       512
+#define SHARED_BLOCK_FRAME_SIZE  1520
+#define SHARED_MEMORY_SIZE       1724496
+#define MAPPED_MEMORY_SIZE       1724520
+#define SHARED_MEMORY_OFFSET     20
+
+#pragma pack(push, 4)
+typedef struct _SharedBlock {
+    ULONG m_nAdapterId;
+    ULONG m_Unused;          /* not written by the framework */
+    ULONG m_nDirection;
+    ULONG m_nPacketSize;     /* frame bytes in m_Frame */
+    ULONG m_dwCarried[2];    /* carried unchanged to and from the packet */
+    ULONG m_nIndicateCode;
+    ULONG64 m_nIndicateValue;
+    UCHAR m_ApplicationData[128];
+    UCHAR m_Frame[SHARED_BLOCK_FRAME_SIZE];
+} SharedBlock, *PSharedBlock;
+
+typedef struct _SharedBlockRing {
+    LONG m_iBlockSize;     /* 1684 */
+    LONG m_iBlockCount;    /* 512 */
+    LONG m_iBaseOffset;    /* first block's offset from the start of the block area */
+    ULONG64 m_puBlockBase; /* left to the program */
+    ULONG64 m_pkBlockBase; /* kernel address of the first block */
+    volatile LONG m_iRead;
+    volatile LONG m_iWrite;
+    volatile LONG m_nCount; /* starts at 512, +1 per block the framework writes */
+} SharedBlockRing, *PSharedBlockRing;
+
+typedef struct _SharedMemory {
+    SharedBlockRing KernelModeOutput;
+    SharedBlockRing KernelModeInput;
+    SharedBlock m_OutputBlocks[SHARED_BLOCK_COUNT];
+    SharedBlock m_InputBlocks[SHARED_BLOCK_COUNT];
+} SharedMemory, *PSharedMemory;
+
+#pragma pack(pop)
+
+/* Natural alignment: the allocation ends 4 bytes behind m_SharedMemory. */
+struct _MappedMemory {
+    PVOID m_pUserModeVirtualAddress;
+    PMDL m_pMdl;
+    ULONG m_nSize;
+    SharedMemory m_SharedMemory;
+};
+
+NDISFILTER_LAYOUT(sizeof(SharedBlock) == SHARED_BLOCK_SIZE);
+NDISFILTER_LAYOUT(sizeof(SharedBlockRing) == 40);
+NDISFILTER_LAYOUT(sizeof(SharedMemory) == SHARED_MEMORY_SIZE);
+NDISFILTER_LAYOUT(sizeof(MappedMemory) == MAPPED_MEMORY_SIZE);
+NDISFILTER_LAYOUT(FIELD_OFFSET(MappedMemory, m_SharedMemory) == SHARED_MEMORY_OFFSET);
+NDISFILTER_LAYOUT(FIELD_OFFSET(SharedMemory, m_InputBlocks) == 862288);
+NDISFILTER_LAYOUT(FIELD_OFFSET(SharedBlock, m_nIndicateValue) == 28);
+NDISFILTER_LAYOUT(FIELD_OFFSET(SharedBlock, m_Frame) == 164);
+
+/* ------------------------------------------------------------------------
+ * Control device and control codes.
+ * ------------------------------------------------------------------------ */
+
+#define NDISFILTER_DEVICE_NAME  L"\\Device\\NdisFilter"
+#define NDISFILTER_SYMBOLIC_LINK L"\\DosDevices\\NdisFilter"
+#define NDISFILTER_USER_DEVICE  "\\\\.\\NdisFilter"
+
+#define NDISFILTER_DEVICE_TYPE 0x8000
+#define NDISFILTER_CTL_CODE(function) \
+    CTL_CODE(NDISFILTER_DEVICE_TYPE, function, METHOD_BUFFERED, FILE_ANY_ACCESS)
+
+#define IOCTL_NDIS_FILTER_DIAG                    NDISFILTER_CTL_CODE(0x802) /* 0x80002008 */
+#define IOCTL_NDIS_FILTER_GET_VERSION             NDISFILTER_CTL_CODE(0x8C8) /* 0x80002320 */
+#define IOCTL_NDIS_FILTER_START_SHARE             NDISFILTER_CTL_CODE(0x8C9)
+#define IOCTL_NDIS_FILTER_STOP_SHARE              NDISFILTER_CTL_CODE(0x8CA)
+#define IOCTL_NDIS_FILTER_READ_SHARE              NDISFILTER_CTL_CODE(0x8CB)
+#define IOCTL_NDIS_FILTER_WRITE_SHARE             NDISFILTER_CTL_CODE(0x8CC)
+#define IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES    NDISFILTER_CTL_CODE(0x8CD)
+#define IOCTL_NDIS_FILTER_GET_EVENT               NDISFILTER_CTL_CODE(0x8CE)
+#define IOCTL_NDIS_FILTER_CLEAR_EVENT             NDISFILTER_CTL_CODE(0x8CF)
+#define IOCTL_NDIS_FILTER_START_ETHRLOG           NDISFILTER_CTL_CODE(0x8D0)
+#define IOCTL_NDIS_FILTER_STOP_ETHRLOG            NDISFILTER_CTL_CODE(0x8D1)
+#define IOCTL_NDIS_FILTER_SET_IPCONFIG            NDISFILTER_CTL_CODE(0x8D2)
+#define IOCTL_NDIS_FILTER_GET_IPCONFIG            NDISFILTER_CTL_CODE(0x8D3)
+#define IOCTL_NDIS_FILTER_SET_MEDIA_STATUS        NDISFILTER_CTL_CODE(0x8D4)
+#define IOCTL_NDIS_FILTER_GET_MEDIA_STATUS        NDISFILTER_CTL_CODE(0x8D5)
+#define IOCTL_NDIS_FILTER_GET_DBGFLAG             NDISFILTER_CTL_CODE(0x8D6)
+#define IOCTL_NDIS_FILTER_SET_PACKET_DUMP         NDISFILTER_CTL_CODE(0x8D7)
+#define IOCTL_NDIS_FILTER_GET_PACKET_DUMP         NDISFILTER_CTL_CODE(0x8D8)
+#define IOCTL_NDIS_FILTER_GET_ADAPTER             NDISFILTER_CTL_CODE(0x8D9)
+#define IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE    NDISFILTER_CTL_CODE(0x8DA)
+#define IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION   NDISFILTER_CTL_CODE(0x8DE)
+#define IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL  NDISFILTER_CTL_CODE(0x8DF) /* 0x8000237C */
+
+#define IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK   NDISFILTER_CTL_CODE(0x900) /* 0x80002400 */
+#define IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK NDISFILTER_CTL_CODE(0x901) /* 0x80002404 */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* NDISFILTER_H */

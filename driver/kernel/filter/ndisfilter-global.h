@@ -1,0 +1,201 @@
+/*
+ * ndisfilter-global.h - the framework's one global state record and the
+ * routines its parts offer each other.
+ *
+ * There is exactly one NdisFilterDeviceExtension. It lives in the device
+ * extension of the control device and every part reaches it through g_pGlobal.
+ * Each list in it has its own NDIS read-write lock (read for walks, write for
+ * changes); the adapter event-handler list is guarded by a spin lock.
+ */
+#pragma once
+
+#include "ndisfilter-trace.h"
+
+struct _FilterDriver;
+
+#define NF_INJECT_QUEUE_COUNT 2
+#define NF_CONTEXT_SLOTS 16
+#define NF_WORKER_PRIORITY 16 /* the lowest real-time priority */
+#define NF_WORKER_EXIT_WAIT_MS 0x0FFFFFFF
+#define NF_DEFAULT_PENDING_PACKET_LIMIT 2048
+#define NF_DEFAULT_INJECT_PACKET_MAX 512
+
+/* The adapter table as Hook_GetTcpIpBoundAdapters writes it: a count, then the entries. */
+#pragma pack(push, 1)
+typedef struct _AdapterList {
+    ULONG m_nAdapterCount;
+    AdapterInfo m_Adapters[FILTER_MAX_ADAPTERS];
+} AdapterList;
+#pragma pack(pop)
+
+/* One queued event record (from the event lookaside list). */
+typedef struct _FilterLogRecord {
+    LIST_ENTRY m_Link;
+    ULONG m_dwEvent1;
+    ULONG m_dwEvent2;
+    LONG m_nLength; /* text bytes, or -1 when a formatted text did not fit */
+    CHAR m_Text[FILTER_EVENT_TEXT_SIZE];
+} FilterLogRecord, *PFilterLogRecord;
+
+C_ASSERT(sizeof(FilterLogRecord) == 1056);
+
+typedef struct _NdisFilterDeviceExtension {
+    PDEVICE_OBJECT m_pDeviceObject;
+    UNICODE_STRING m_DeviceSymbolicLink;
+    BOOLEAN m_bSymbolicLinkCreated;
+
+    NDIS_RW_LOCK m_HookAPILock;
+    NdisHookAPI m_NdisHookAPI;
+
+    /* shared-memory channel */
+    PMappedMemory m_pMappedMemory;
+    PFILE_OBJECT m_FileObject;
+    PSharedMemory m_pSharedMemory;
+    volatile BOOLEAN m_bStopShare;
+    NDIS_RW_LOCK m_MappedMemoryLock;
+    HANDLE m_hShareMemoryThread[1];
+    volatile LONG m_nNdisHelperWorkThread;
+    PIRP volatile m_pPendingReadIrp;
+    NDIS_RW_LOCK m_PendingReadLock;
+    NDIS_RW_LOCK m_InputBlockLock;
+    NDIS_RW_LOCK m_OutputBlockLock;
+    NDIS_EVENT m_ShareMemoryEvent;
+    NDIS_EVENT m_WorkThreadExitEvent;
+
+    /* adapters */
+    NDIS_RW_LOCK m_AdapterListLock;
+    AdapterList m_AdapterList;
+    NDIS_RW_LOCK m_pContextLock;
+    struct _FilterDriver *m_pContextDriver[NF_CONTEXT_SLOTS];
+    KSPIN_LOCK m_EventHandlerLock;
+    LIST_ENTRY m_EventHandlerList;
+
+    /* filter drivers and the four packet-filter chains */
+    NDIS_RW_LOCK m_FilterDriverLock;
+    LIST_ENTRY m_FilterDriverList;
+    NDIS_RW_LOCK m_PacketFilterLock[FILTER_TYPE_COUNT];
+    LIST_ENTRY m_PacketFilterList[FILTER_TYPE_COUNT];
+
+    /* injected-packet queues */
+    HANDLE m_hInjectPacketThread[NF_INJECT_QUEUE_COUNT];
+    NDIS_RW_LOCK m_InjectedPacketLock[NF_INJECT_QUEUE_COUNT];
+    LIST_ENTRY m_InjectedPacketList[NF_INJECT_QUEUE_COUNT];
+    NDIS_EVENT m_InjectPacketEvent[NF_INJECT_QUEUE_COUNT];
+    volatile LONG m_nInjectPacketCount;
+    ULONG m_nInjectPacketMax;
+
+    /* interfaces */
+    NDIS_RW_LOCK m_InterfaceLock;
+    LIST_ENTRY m_InterfaceList;
+    NDIS_RW_LOCK m_IfEventHandlerLock;
+    LIST_ENTRY m_IfEventHandlerList;
+
+    /* event queue */
+    NPAGED_LOOKASIDE_LIST m_LogLookasideList;
+    NDIS_RW_LOCK m_FilterLogLock;
+    LIST_ENTRY m_FilterLogList;
+    volatile LONG m_CurrentLogSize;
+
+    /* timers */
+    NDIS_RW_LOCK m_FilterTimerLock;
+    LIST_ENTRY m_FilterTimerList;
+    ULONG m_dwTickIncrement;
+
+    /* IOCTL handlers and diagnostics */
+    NDIS_RW_LOCK m_IoCtrlHandlerLock;
+    LIST_ENTRY m_IoCtrlHandlerList;
+    volatile LONG m_bDiagInProgress;
+
+    /* capture logs of the user-program channel */
+    PVOID m_pAppToDriverEthrLog;
+    PVOID m_pDriverToAppEthrLog;
+} NdisFilterDeviceExtension, *PNdisFilterDeviceExtension;
+
+/* ---- plain globals (ndisfilter-main.cpp) ---- */
+EXTERN_C PNdisFilterDeviceExtension g_pGlobal;
+EXTERN_C ULONG g_PendingPacketLimit;
+EXTERN_C UNICODE_STRING g_RegistryPath;
+EXTERN_C ULONG g_nMappedMemorySize;
+EXTERN_C ULONG g_dwShareValue; /* the value given by the last START_SHARE */
+
+/* ---- driver core (ndisfilter-main.cpp) ---- */
+EXTERN_C NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
+EXTERN_C VOID NTAPI NdisFilterUnload(PDRIVER_OBJECT DriverObject);
+EXTERN_C NTSTATUS NTAPI NdisFilterOpen(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+EXTERN_C NTSTATUS NTAPI NdisFilterClose(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+EXTERN_C NTSTATUS NTAPI NdisFilterCleanup(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+EXTERN_C NTSTATUS NTAPI NdisFilterShutdown(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+EXTERN_C NTSTATUS NTAPI NdisFilterIoControl(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+EXTERN_C NTSTATUS NTAPI NdisFilterInternalIoControl(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+EXTERN_C VOID NdisFilterInitialize(VOID);
+EXTERN_C VOID NdisFilterDeInitialize(VOID);
+
+/* A worker thread's arrival and departure in m_nNdisHelperWorkThread. */
+VOID NdisFilter_WorkerThreadEnter(VOID);
+VOID NdisFilter_WorkerThreadLeave(VOID);
+
+/* ---- adapters (ndisfilter-adapter.cpp) ---- */
+VOID NdisFilter_InitializeAdapterIds(VOID);
+VOID NdisFilter_EnumOpenedAdapter(VOID);
+
+/* ---- hook callbacks handed to the hook driver ---- */
+EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterOpened(PFilterAdapter Adapter);
+EXTERN_C VOID NTAPI NdisFilter_AdapterStatusChanged(PFilterAdapter Adapter, NDIS_STATUS Status);
+EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterClosed(PFilterAdapter Adapter);
+EXTERN_C VOID NTAPI NdisFilter_FilterReceivedPacket(PFilterPacket Packet);
+EXTERN_C VOID NTAPI NdisFilter_FilterSendPacket(PFilterPacket Packet);
+
+/* ---- event queue (ndisfilter-events.cpp) ---- */
+VOID NdisFilter_InitializeEventQueue(VOID);
+VOID NdisFilter_DeleteEventQueue(VOID);
+PFilterLogRecord NdisFilter_AllocateLogRecord(VOID);
+VOID NdisFilter_FreeLogRecord(PFilterLogRecord Record);
+
+/* ---- shared-memory channel (ndisfilter-sharedmem.cpp) ---- */
+EXTERN_C PMappedMemory NdisFilter_AllocateMappedMemory(VOID);
+EXTERN_C VOID NdisFilter_InitializeSharedMemory(PMappedMemory Memory);
+EXTERN_C VOID NdisFilter_FreeMappedMemory(VOID);
+EXTERN_C VOID NdisFilter_TerminateShare(VOID);
+EXTERN_C VOID NdisFilter_UnmapMemoryToUserSpace(PMappedMemory Memory);
+EXTERN_C VOID NdisFilter_CompleteRead(VOID);
+EXTERN_C VOID NdisFilter_StopShare(PIRP Irp);
+EXTERN_C VOID NTAPI ShareMemoryThread(PVOID StartContext);
+
+/* ---- packets and injection (ndisfilter-packetapi.cpp) ---- */
+#define NF_PACKET_INJECT_LINK_OFFSET 104 /* m_InjectLink in FilterPacket */
+EXTERN_C VOID NTAPI InjectedPacketThread(PVOID StartContext);
+VOID NdisFilter_ReleaseQueuedPackets(VOID);
+
+/* ---- hook binding (ndisfilter-main.cpp) ---- */
+/* TRUE when the hook driver is bound and supplied the function at `field`. */
+#define NF_HOOK_ACTIVE(field)                                                    \
+    ((g_pGlobal->m_NdisHookAPI.m_Flags & NDIS_HOOK_FLAG_BOUND) != 0 &&            \
+     g_pGlobal->m_NdisHookAPI.field != NULL)
+
+/*
+ * RAII holders of an NDIS read-write lock, so that every return releases it.
+ * Both raise to DISPATCH_LEVEL for as long as they live.
+ */
+class NfReadLock {
+public:
+    explicit NfReadLock(NDIS_RW_LOCK *lock) : m_lock(lock) { NdisAcquireReadWriteLock(m_lock, FALSE, &m_state); }
+    ~NfReadLock() { NdisReleaseReadWriteLock(m_lock, &m_state); }
+    NfReadLock(const NfReadLock &) = delete;
+    NfReadLock &operator=(const NfReadLock &) = delete;
+
+private:
+    NDIS_RW_LOCK *m_lock;
+    LOCK_STATE m_state;
+};
+
+class NfWriteLock {
+public:
+    explicit NfWriteLock(NDIS_RW_LOCK *lock) : m_lock(lock) { NdisAcquireReadWriteLock(m_lock, TRUE, &m_state); }
+    ~NfWriteLock() { NdisReleaseReadWriteLock(m_lock, &m_state); }
+    NfWriteLock(const NfWriteLock &) = delete;
+    NfWriteLock &operator=(const NfWriteLock &) = delete;
+
+private:
+    NDIS_RW_LOCK *m_lock;
+    LOCK_STATE m_state;
+};

@@ -1,0 +1,138 @@
+/*
+ * ndisfilter-main-ioctl.cpp - the control requests of the user program.
+ *
+ * All codes are buffered: input and output share one system buffer, so a
+ * request that writes output overwrites its input. Codes the framework does
+ * not know go to the hook driver's handler.
+ */
+#include "precomp.h"
+#include "ndisfilter-global.h"
+
+namespace {
+
+/* One request in flight: its buffer, lengths and the answer being built. */
+struct ControlRequest {
+    PIRP Irp;
+    ULONG Code;
+    PUCHAR Buffer;
+    ULONG InputLength;
+    ULONG OutputLength;
+    NTSTATUS Status;
+    ULONG Information;
+
+    BOOLEAN OutputAtLeast(ULONG length)
+    {
+        if (OutputLength >= length)
+            return TRUE;
+        NF_TRACE(NF_DBG_CORE, "    Output Buffer Length are too small\n");
+        Status = STATUS_BUFFER_TOO_SMALL;
+        return FALSE;
+    }
+};
+
+/* GET_VERSION: 1.0 in the first two bytes; no bytes are reported. */
+VOID GetVersion(ControlRequest &Request)
+{
+    NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_GET_VERSION\n");
+    if (!Request.OutputAtLeast(2))
+        return;
+    Request.Buffer[0] = 1;
+    Request.Buffer[1] = 0;
+}
+
+/* PUT_SHAREDMEMORYSIZE: reports the size of the mapped memory. */
+VOID PutSharedMemorySize(ControlRequest &Request)
+{
+    NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE\n");
+    if (!Request.OutputAtLeast(sizeof(ULONG)))
+        return;
+    *(ULONG UNALIGNED *)Request.Buffer = g_nMappedMemorySize;
+    Request.Information = sizeof(ULONG);
+}
+
+/* SET_CONGESTION_CONTROL: stores a new m_nInjectPacketMax, unchecked. */
+VOID SetCongestionControl(ControlRequest &Request)
+{
+    ULONG maximum = Request.Buffer != NULL && Request.InputLength >= sizeof(ULONG)
+                        ? *(ULONG UNALIGNED *)Request.Buffer
+                        : 0;
+    NF_PRINT("  IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL\n");
+    NF_PRINT("  - InjectPacketMax = %d\n", (int)maximum);
+    g_pGlobal->m_nInjectPacketMax = maximum;
+}
+
+/*
+ * A code the framework does not know: the hook driver's handler may claim it
+ * (any status but STATUS_NOT_SUPPORTED). A fault in the handler is reported
+ * and the code stays unclaimed.
+ */
+VOID OfferToHookDriver(ControlRequest &Request)
+{
+    PHOOK_HANDLE_IO_CONTROL handler = g_pGlobal->m_NdisHookAPI.Hook_HandleIoControl;
+    if (handler == NULL)
+        return;
+    ULONG returned = 0;
+    NTSTATUS status = STATUS_NOT_SUPPORTED;
+    LONG code = FilterGuard([&] {
+        status = handler(Request.Code, Request.Buffer, Request.InputLength, Request.Buffer, Request.OutputLength,
+                         &returned);
+    });
+    if (code != 0) {
+        NF_PRINT("NdisFilterIoControl: exception in hook, code = %d\n", (int)code);
+        return;
+    }
+    Request.Status = status;
+    if (status != STATUS_NOT_SUPPORTED)
+        Request.Information = returned;
+}
+
+} // namespace
+
+/*
+ * NdisFilterIoControl - the device-control dispatch routine of the control
+ * device. Returns the status it completed the request with. IRQL = PASSIVE_LEVEL.
+ */
+EXTERN_C NTSTATUS NTAPI NdisFilterIoControl(PDEVICE_OBJECT DeviceObject, PIRP Irp)
+{
+    UNREFERENCED_PARAMETER(DeviceObject);
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Irp);
+    ControlRequest request;
+    request.Irp = Irp;
+    request.Code = stack->Parameters.DeviceIoControl.IoControlCode;
+    request.Buffer = (PUCHAR)Irp->AssociatedIrp.SystemBuffer;
+    request.InputLength = stack->Parameters.DeviceIoControl.InputBufferLength;
+    request.OutputLength = stack->Parameters.DeviceIoControl.OutputBufferLength;
+    request.Status = STATUS_SUCCESS;
+    request.Information = 0;
+
+    NF_TRACE(NF_DBG_CORE, "Enter NdisFilterIoControl\n");
+    NF_TRACE(NF_DBG_CORE, "  - ControlCode - 0x%x\n", (unsigned)request.Code);
+    NF_TRACE(NF_DBG_CORE, "  - InputBufferLength - 0x%x\n", (unsigned)request.InputLength);
+    NF_TRACE(NF_DBG_CORE, "  - OutputBufferLength - 0x%x\n", (unsigned)request.OutputLength);
+    Irp->IoStatus.Status = STATUS_SUCCESS;
+    Irp->IoStatus.Information = 0;
+
+    switch (request.Code) {
+    case IOCTL_NDIS_FILTER_GET_VERSION:
+        GetVersion(request);
+        break;
+    case IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE:
+        PutSharedMemorySize(request);
+        break;
+    case IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL:
+        SetCongestionControl(request);
+        break;
+    default:
+        request.Status = STATUS_NOT_SUPPORTED;
+        OfferToHookDriver(request);
+        break;
+    }
+
+    if (request.Status != STATUS_PENDING) {
+        Irp->IoStatus.Status = request.Status;
+        Irp->IoStatus.Information = request.Information;
+        IoCompleteRequest(Irp, IO_NO_INCREMENT);
+    }
+    NF_TRACE(NF_DBG_CORE, "Leave NdisFilterIoControl\n");
+    return request.Status;
+}

@@ -1,0 +1,121 @@
+/*
+ * ndisfilter-memory.cpp - tagged memory blocks and the level-saving lock.
+ *
+ * Every record of the framework, and any block a client asks for, comes from
+ * Filter_AllocateMemory: a FilterMemory header (size, tag) stands in front of
+ * the caller's block so that Filter_FreeMemory can verify a pointer before it
+ * gives the block back.
+ */
+#include "precomp.h"
+#include "ndisfilter-global.h"
+
+/*
+ * Filter_AllocateMemory - a non-paged block of Size bytes behind a FilterMemory
+ * header, from the NDIS allocator with the caller's pool tag. Not zeroed.
+ * Returns the caller's block or NULL. IRQL <= DISPATCH_LEVEL.
+ */
+EXTERN_C PVOID NTAPI Filter_AllocateMemory(ULONG Size, ULONG PoolTag)
+{
+    NF_ENTER(NF_DBG_COMMON, "Filter_AllocateMemory");
+
+    PVOID block = NULL;
+    ULONG total = Size + FILTER_MEMORY_OVERHEAD;
+    PFilterMemory header = NULL;
+
+    /* A size so large that the header does not fit behind it fails like an allocation. */
+    if (total < Size) {
+        NF_TRACE(NF_DBG_COMMON, "  NdisAllocateMemory(size=%d) fails\n", (int)total);
+    } else if (NdisAllocateMemoryWithTag((PVOID *)&header, total, PoolTag) == NDIS_STATUS_FAILURE ||
+               header == NULL) {
+        NF_TRACE(NF_DBG_COMMON, "  NdisAllocateMemory(size=%d) fails\n", (int)total);
+    } else {
+        header->m_Size = total;
+        header->m_Tag = FILTER_MEMORY_TAG;
+        block = header + 1;
+    }
+
+    NF_TRACE(NF_DBG_COMMON, "Leave Filter_AllocateMemory, 0x%p\n", block);
+    return block;
+}
+
+/*
+ * Filter_FreeMemory - gives back a block from Filter_AllocateMemory after
+ * checking its header tag. A block freed once has tag 0, so a second free is
+ * refused with FILTER_ERROR_INVALID_MEMORY_POINTER; a header that cannot be
+ * read gives FILTER_ERROR_EXCEPTION. IRQL <= DISPATCH_LEVEL.
+ */
+EXTERN_C FILTER_STATUS NTAPI Filter_FreeMemory(PVOID Memory)
+{
+    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+    NfStatusTrace trace(NF_DBG_COMMON, "Filter_FreeMemory", status);
+
+    LONG code = FilterGuard([&] {
+        if (Memory == NULL) {
+            NF_TRACE(NF_DBG_COMMON, "  ppVirtualAddress == NULL\n");
+            status = FILTER_ERROR_INVALID_ARGUMENT;
+            return;
+        }
+        PFilterMemory header = (PFilterMemory)Memory - 1;
+        if (header->m_Tag != FILTER_MEMORY_TAG) {
+            NF_TRACE(NF_DBG_COMMON, "  pFilterMemory->m_Tag != FILTER_MEMORY_TAG\n");
+            status = FILTER_ERROR_INVALID_MEMORY_POINTER;
+            return;
+        }
+        header->m_Tag = 0;
+        NdisFreeMemory(header, header->m_Size, 0);
+    });
+    if (code != 0) {
+        NF_PRINT_EXCEPTION("Filter_FreeMemory", code);
+        status = FILTER_ERROR_EXCEPTION;
+    }
+    return status;
+}
+
+/* Filter_InitializeLock - an unowned lock. Any IRQL. */
+EXTERN_C FILTER_STATUS NTAPI Filter_InitializeLock(PFilterLock Lock)
+{
+    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+    NfStatusTrace trace(NF_DBG_COMMON, "Filter_InitializeLock", status);
+    if (Lock == NULL)
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+    else
+        KeInitializeSpinLock(&Lock->m_SpinLock);
+    return status;
+}
+
+/*
+ * Filter_AcquireLock - raises to DISPATCH_LEVEL and takes the lock; the level
+ * it raised from is kept in the record for Filter_ReleaseLock.
+ */
+EXTERN_C FILTER_STATUS NTAPI Filter_AcquireLock(PFilterLock Lock)
+{
+    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+    NfStatusTrace trace(NF_DBG_COMMON, "Filter_AcquireLock", status);
+    if (Lock == NULL)
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+    else
+        Lock->m_OldIrql = KeAcquireSpinLockRaiseToDpc(&Lock->m_SpinLock);
+    return status;
+}
+
+/* Filter_ReleaseLock - releases the lock and returns to the saved level. */
+EXTERN_C FILTER_STATUS NTAPI Filter_ReleaseLock(PFilterLock Lock)
+{
+    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+    NfStatusTrace trace(NF_DBG_COMMON, "Filter_ReleaseLock", status);
+    if (Lock == NULL)
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+    else
+        KeReleaseSpinLock(&Lock->m_SpinLock, Lock->m_OldIrql);
+    return status;
+}
+
+/* Filter_FreeLock - a spin lock holds nothing; only the argument is checked. */
+EXTERN_C FILTER_STATUS NTAPI Filter_FreeLock(PFilterLock Lock)
+{
+    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+    NfStatusTrace trace(NF_DBG_COMMON, "Filter_FreeLock", status);
+    if (Lock == NULL)
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+    return status;
+}
