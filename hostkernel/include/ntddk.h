@@ -9,4 +9,5 @@
 #include "hk/registry.h"
 #include "hk/io.h"
 #include "hk/debug.h"
+#include "hk/seh.h"
 #endif

@@ -50,12 +50,15 @@ VOID PutSharedMemorySize(ControlRequest &Request)
     Request.Information = sizeof(ULONG);
 }
 
-/* SET_CONGESTION_CONTROL: stores a new m_nInjectPacketMax, unchecked. */
+/*
+ * SET_CONGESTION_CONTROL: stores a new m_nInjectPacketMax without further
+ * checks. An input too short to hold the value leaves the old one in place.
+ */
 VOID SetCongestionControl(ControlRequest &Request)
 {
-    ULONG maximum = Request.Buffer != NULL && Request.InputLength >= sizeof(ULONG)
-                        ? *(ULONG UNALIGNED *)Request.Buffer
-                        : 0;
+    ULONG maximum = g_pGlobal->m_nInjectPacketMax;
+    if (Request.Buffer != NULL && Request.InputLength >= sizeof(ULONG))
+        maximum = *(ULONG UNALIGNED *)Request.Buffer;
     NF_PRINT("  IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL\n");
     NF_PRINT("  - InjectPacketMax = %d\n", (int)maximum);
     g_pGlobal->m_nInjectPacketMax = maximum;

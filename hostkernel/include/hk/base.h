@@ -42,6 +42,7 @@
 #endif
 #define FORCEINLINE static inline
 #define UNREFERENCED_PARAMETER(p) ((void)(p))
+#define UNALIGNED
 
 /* ---- scalar types, Windows x64 widths ---- */
 typedef void VOID, *PVOID, **PPVOID;
@@ -283,5 +284,11 @@ typedef const STRING *PCSTRING, *PCANSI_STRING;
 #define FILE_WRITE_ACCESS 2
 #define FILE_DEVICE_UNKNOWN 0x00000022
 #define FILE_DEVICE_NETWORK 0x00000012
+
+
+/* ---- alignment of records (used by the interlocked list head) ---- */
+#ifndef DECLSPEC_ALIGN
+#define DECLSPEC_ALIGN(x) __attribute__((aligned(x)))
+#endif
 
 #endif /* HK_BASE_H */

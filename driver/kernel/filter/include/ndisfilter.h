@@ -375,8 +375,10 @@ NDISFILTER_LAYOUT(FIELD_OFFSET(SharedBlock, m_Frame) == 164);
 #define NDISFILTER_USER_DEVICE  "\\\\.\\NdisFilter"
 
 #define NDISFILTER_DEVICE_TYPE 0x8000
-#define NDISFILTER_CTL_CODE(function) \
-    CTL_CODE(NDISFILTER_DEVICE_TYPE, function, METHOD_BUFFERED, FILE_ANY_ACCESS)
+/* CTL_CODE(0x8000, function, METHOD_BUFFERED, FILE_ANY_ACCESS), as an unsigned 32-bit value. */
+#define NDISFILTER_CTL_CODE(function)                                                            \
+    ((ULONG)(((ULONG)NDISFILTER_DEVICE_TYPE << 16) | ((ULONG)FILE_ANY_ACCESS << 14) |            \
+             ((ULONG)(function) << 2) | (ULONG)METHOD_BUFFERED))
 
 #define IOCTL_NDIS_FILTER_DIAG                    NDISFILTER_CTL_CODE(0x802) /* 0x80002008 */
 #define IOCTL_NDIS_FILTER_GET_VERSION             NDISFILTER_CTL_CODE(0x8C8) /* 0x80002320 */

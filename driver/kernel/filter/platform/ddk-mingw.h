@@ -28,7 +28,7 @@
 #error "platform/ddk-mingw.h is for the mingw-w64 Windows build only"
 #endif
 
-/* The framework is an NDIS 5.1 intermediate driver. */
+/* The framework is written against the NDIS 5.1 interfaces. */
 #ifndef NDIS51
 #define NDIS51 1
 #endif

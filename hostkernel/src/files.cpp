@@ -1,0 +1,178 @@
+// Host kernel runtime, I/O area: file objects, the I/O manager's view of an
+// open device.
+//
+// Opening sends IRP_MJ_CREATE in the opening thread; closing the last handle
+// sends IRP_MJ_CLEANUP in the closing thread; dropping the last reference
+// (requests in flight hold one each) sends IRP_MJ_CLOSE. A file object whose
+// create failed is deleted without a close request, as on Windows.
+#include "io_internal.h"
+
+#include <new>
+
+namespace hk {
+namespace {
+
+struct FileState {
+    OwnedUnicodeString fileName;
+    KPROCESSOR_MODE mode = KernelMode;
+    bool opened = false;
+    FileRequests requests;
+};
+
+struct FileImpl {
+    FILE_OBJECT file;
+    FileState *state;
+};
+
+FileState *StateOf(PFILE_OBJECT file)
+{
+    return reinterpret_cast<FileImpl *>(file)->state;
+}
+
+constexpr ULONG kFileOpen = 0x00000001; // create disposition FILE_OPEN
+
+// Sends a create, cleanup or close request for `file` and waits for it.
+NTSTATUS SendFileRequest(PFILE_OBJECT file, UCHAR major, KPROCESSOR_MODE mode,
+                         IO_SECURITY_CONTEXT *security, ULONG shareAccess)
+{
+    PDEVICE_OBJECT device = file->DeviceObject;
+    PIRP irp = IrpAllocateSynchronous(device->StackSize);
+    if (irp == nullptr)
+        return STATUS_INSUFFICIENT_RESOURCES;
+    irp->RequestorMode = mode;
+    irp->Tail.Overlay.OriginalFileObject = file;
+    irp->Flags = IRP_SYNCHRONOUS_API |
+                 (major == IRP_MJ_CREATE ? IRP_CREATE_OPERATION : IRP_CLOSE_OPERATION);
+    PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+    stack->MajorFunction = major;
+    stack->FileObject = file;
+    if (major == IRP_MJ_CREATE) {
+        stack->Parameters.Create.SecurityContext = security;
+        stack->Parameters.Create.Options = kFileOpen << 24;
+        stack->Parameters.Create.ShareAccess = static_cast<USHORT>(shareAccess);
+    }
+    return IrpSendSynchronous(device, irp, nullptr);
+}
+
+// Last handle closed: IRP_MJ_CLEANUP in the closing thread. PASSIVE_LEVEL.
+void OnLastHandleClosed(void *body)
+{
+    PFILE_OBJECT file = static_cast<PFILE_OBJECT>(body);
+    FileState *state = StateOf(file);
+    if (state->opened && DriverIsLoaded(file->DeviceObject->DriverObject))
+        SendFileRequest(file, IRP_MJ_CLEANUP, state->mode, nullptr, 0);
+    file->Flags |= FO_CLEANUP_COMPLETE;
+}
+
+// Last reference dropped: IRP_MJ_CLOSE, then the device reference goes. PASSIVE_LEVEL.
+void DeleteFileObject(void *body)
+{
+    PFILE_OBJECT file = static_cast<PFILE_OBJECT>(body);
+    FileState *state = StateOf(file);
+    PDEVICE_OBJECT device = file->DeviceObject;
+    PDRIVER_OBJECT driver = device->DriverObject;
+    if (state->opened) {
+        if (DriverIsLoaded(driver))
+            SendFileRequest(file, IRP_MJ_CLOSE, KernelMode, nullptr, 0);
+        DriverStateOf(driver)->openFiles.fetch_sub(1);
+    }
+    InterlockedDecrement(&device->ReferenceCount);
+    delete state;
+    ObDereferenceObject(device);
+}
+
+} // namespace
+
+FileRequests *FileGetRequests(PFILE_OBJECT file)
+{
+    return &StateOf(file)->requests;
+}
+
+// Resolves `path`, creates the file object and sends IRP_MJ_CREATE. IRQL == PASSIVE_LEVEL.
+NTSTATUS FileOpen(const Name &path, ACCESS_MASK access, ULONG shareAccess, bool synchronous,
+                  KPROCESSOR_MODE mode, PFILE_OBJECT *file)
+{
+    RequireIrqlAtMost(PASSIVE_LEVEL, "open of a device");
+    *file = nullptr;
+    PDEVICE_OBJECT device = nullptr;
+    Name remainder;
+    NTSTATUS status = NameResolveDevice(path, &device, &remainder);
+    if (!NT_SUCCESS(status))
+        return status;
+    if ((device->Flags & DO_DEVICE_INITIALIZING) || !DriverIsLoaded(device->DriverObject)) {
+        ObDereferenceObject(device);
+        return STATUS_NO_SUCH_DEVICE;
+    }
+    if ((device->Flags & DO_EXCLUSIVE) && device->ReferenceCount > 0) {
+        ObDereferenceObject(device);
+        return STATUS_ACCESS_DENIED;
+    }
+    InterlockedIncrement(&device->ReferenceCount);
+
+    void *body = ObjectCreate(sizeof(FileImpl), kFileTypeName, DeleteFileObject);
+    if (body == nullptr) {
+        InterlockedDecrement(&device->ReferenceCount);
+        ObDereferenceObject(device);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    FileImpl *impl = static_cast<FileImpl *>(body);
+    impl->state = new FileState();
+    FileState *state = impl->state;
+    state->fileName.Assign(remainder);
+    state->mode = mode;
+    PFILE_OBJECT fo = &impl->file;
+    fo->Type = IO_TYPE_FILE;
+    fo->Size = sizeof(FILE_OBJECT);
+    fo->DeviceObject = device; // the resolution's reference now belongs to the file
+    fo->FileName = *state->fileName.Get();
+    fo->Flags = synchronous ? FO_SYNCHRONOUS_IO : 0;
+    fo->ReadAccess = (access & (GENERIC_READ | GENERIC_ALL | FILE_READ_DATA)) != 0;
+    fo->WriteAccess = (access & (GENERIC_WRITE | GENERIC_ALL | FILE_WRITE_DATA)) != 0;
+    fo->SharedRead = (shareAccess & FILE_SHARE_READ) != 0;
+    fo->SharedWrite = (shareAccess & FILE_SHARE_WRITE) != 0;
+    fo->SharedDelete = (shareAccess & FILE_SHARE_DELETE) != 0;
+    ObjectSetLastHandleProcedure(fo, OnLastHandleClosed);
+
+    IO_SECURITY_CONTEXT security{};
+    security.DesiredAccess = access;
+    status = SendFileRequest(fo, IRP_MJ_CREATE, mode, &security, shareAccess);
+    if (!NT_SUCCESS(status)) {
+        ObDereferenceObject(fo);
+        return status;
+    }
+    state->opened = true;
+    DriverStateOf(device->DriverObject)->openFiles.fetch_add(1);
+    fo->Flags |= FO_HANDLE_CREATED;
+    *file = fo;
+    return STATUS_SUCCESS;
+}
+
+} // namespace hk
+
+using namespace hk;
+
+extern "C" {
+
+// Opens the named device as another driver does: IRP_MJ_CREATE with a new file
+// object, whose (only) handle is closed again at once, so IRP_MJ_CLEANUP follows
+// immediately and IRP_MJ_CLOSE when the caller dereferences *FileObject.
+// *DeviceObject is the device the file object was opened on. IRQL == PASSIVE_LEVEL.
+NTSTATUS IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK DesiredAccess,
+                                  PFILE_OBJECT *FileObject, PDEVICE_OBJECT *DeviceObject)
+{
+    RequireIrqlAtMost(PASSIVE_LEVEL, "IoGetDeviceObjectPointer");
+    if (ObjectName == nullptr || FileObject == nullptr || DeviceObject == nullptr)
+        return STATUS_INVALID_PARAMETER;
+    PFILE_OBJECT file = nullptr;
+    NTSTATUS status = FileOpen(ToName(ObjectName), DesiredAccess, 0, true, KernelMode, &file);
+    if (!NT_SUCCESS(status))
+        return status;
+    HANDLE handle = ObjectInsertHandle(file);
+    if (handle != nullptr)
+        ZwClose(handle);
+    *FileObject = file;
+    *DeviceObject = file->DeviceObject;
+    return STATUS_SUCCESS;
+}
+
+} // extern "C"
