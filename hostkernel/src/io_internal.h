@@ -61,8 +61,6 @@ NTSTATUS ObjectReferenceUserHandle(HANDLE handle, const char *typeName, void **b
 NTSTATUS ObjectCloseUserHandle(HANDLE handle);
 // Whether `body` is a live object of type `typeName` (case-insensitive).
 bool ObjectIsOfType(const void *body, const char *typeName);
-// Current reference count of a live object (0 when not an object).
-long ObjectReferenceCount(const void *body);
 
 // Object type names used by the I/O area.
 extern const char kDriverTypeName[];
@@ -157,11 +155,11 @@ void IrpFree(PIRP irp);
 // Whether any driver returned STATUS_PENDING for it at the top location (set at completion).
 bool IrpTopPendingReturned(PIRP irp);
 
-// Sends an IRP built with IrpAllocate and a SynchronousIrp owner, waiting for its
-// completion when the driver pends it. Returns the final status; *information
-// receives IoStatus.Information. The IRP is freed. IRQL == PASSIVE_LEVEL.
-NTSTATUS IrpSendSynchronous(PDEVICE_OBJECT device, PIRP irp, ULONG_PTR *information);
+// An IRP for IrpSendSynchronous, which sends it, waits for its completion when
+// the driver pends it and returns the final status (*information receives
+// IoStatus.Information). The IRP is freed on completion. IRQL == PASSIVE_LEVEL.
 PIRP IrpAllocateSynchronous(CCHAR stackSize);
+NTSTATUS IrpSendSynchronous(PDEVICE_OBJECT device, PIRP irp, ULONG_PTR *information);
 
 // Live IRPs allocated through IoAllocateIrp and not freed; all live IRPs.
 long IrpLiveDriverAllocated();

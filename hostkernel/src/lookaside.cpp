@@ -14,6 +14,7 @@ namespace {
 constexpr USHORT kDepth = 4;
 constexpr USHORT kMaximumDepth = 256;
 
+/* Adds one to a lookaside counter (exact even when threads race). */
 void Count(ULONG *counter)
 {
     __atomic_add_fetch(counter, 1, __ATOMIC_RELAXED);

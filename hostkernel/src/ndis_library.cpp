@@ -55,6 +55,7 @@ BOOLEAN NTAPI NdisWaitEvent(PNDIS_EVENT Event, UINT MsToWait)
 
 /* ---- time ---- */
 
+/* The system time. Any IRQL. */
 VOID NTAPI NdisGetCurrentSystemTime(PLARGE_INTEGER SystemTime)
 {
     KeQuerySystemTime(SystemTime);

@@ -36,6 +36,7 @@ unsigned ReaderSlot()
     return tThread.rwSlot - 1;
 }
 
+/* The reader counter of one slot. */
 UINT *SlotCount(PNDIS_RW_LOCK lock, unsigned slot)
 {
     return &lock->RefCount[slot].RefCount;
@@ -77,6 +78,7 @@ bool DropReadHold(const void *lock)
     return true;
 }
 
+/* Counts the caller as a reader once no writer holds or waits for the lock. */
 void AcquireRead(PNDIS_RW_LOCK lock, unsigned slot, bool recursive)
 {
     UINT *count = SlotCount(lock, slot);
@@ -92,6 +94,7 @@ void AcquireRead(PNDIS_RW_LOCK lock, unsigned slot, bool recursive)
     }
 }
 
+/* Takes the writer word, then waits until no reader is left. */
 void AcquireWrite(PNDIS_RW_LOCK lock)
 {
     hk::core::SpinAcquireWord(&lock->SpinLock);
@@ -107,6 +110,7 @@ void AcquireWrite(PNDIS_RW_LOCK lock)
 
 /* ---- spin locks ---- */
 
+/* Makes the lock free. Any IRQL. */
 VOID NTAPI NdisAllocateSpinLock(PNDIS_SPIN_LOCK SpinLock)
 {
     KeInitializeSpinLock(&SpinLock->SpinLock);
@@ -135,11 +139,13 @@ VOID NTAPI NdisReleaseSpinLock(PNDIS_SPIN_LOCK SpinLock)
     KeReleaseSpinLock(&SpinLock->SpinLock, old);
 }
 
+/* Takes the lock at DISPATCH_LEVEL. */
 VOID NTAPI NdisDprAcquireSpinLock(PNDIS_SPIN_LOCK SpinLock)
 {
     KeAcquireSpinLockAtDpcLevel(&SpinLock->SpinLock);
 }
 
+/* Frees the lock at DISPATCH_LEVEL. */
 VOID NTAPI NdisDprReleaseSpinLock(PNDIS_SPIN_LOCK SpinLock)
 {
     KeReleaseSpinLockFromDpcLevel(&SpinLock->SpinLock);

@@ -254,16 +254,6 @@ bool ObjectIsOfType(const void *body, const char *typeName)
     return name != nullptr && SameTypeName(name, typeName);
 }
 
-// Reference count of a live object, 0 otherwise. Any IRQL.
-long ObjectReferenceCount(const void *body)
-{
-    ObjectManager &m = Manager();
-    std::lock_guard<std::mutex> guard(m.lock);
-    if (body == nullptr || m.live.count(body) == 0)
-        return 0;
-    return HeaderOf(body)->references.load();
-}
-
 } // namespace hk
 
 using namespace hk;

@@ -62,6 +62,7 @@ PoolState &State()
     return *state;
 }
 
+/* Whether the pool type is paged (odd base types). */
 bool IsPaged(POOL_TYPE type)
 {
     return (static_cast<ULONG>(type) & 1u) != 0;
@@ -262,6 +263,7 @@ void UnmapSecondView(void *viewAddress, size_t length)
 
 /* ---- host control ---- */
 
+/* Number of live pool blocks. */
 ULONG HkPoolLiveAllocationCount(void)
 {
     PoolState &state = State();
@@ -269,6 +271,7 @@ ULONG HkPoolLiveAllocationCount(void)
     return static_cast<ULONG>(state.live.size());
 }
 
+/* Bytes asked for by the live pool blocks. */
 SIZE_T HkPoolLiveByteCount(void)
 {
     PoolState &state = State();
@@ -279,6 +282,7 @@ SIZE_T HkPoolLiveByteCount(void)
     return bytes;
 }
 
+/* Number of live pool blocks with Tag. */
 ULONG HkPoolLiveAllocationCountWithTag(ULONG Tag)
 {
     PoolState &state = State();
@@ -289,6 +293,7 @@ ULONG HkPoolLiveAllocationCountWithTag(ULONG Tag)
     return count;
 }
 
+/* Bytes of the live pool blocks with Tag. */
 SIZE_T HkPoolLiveByteCountWithTag(ULONG Tag)
 {
     PoolState &state = State();
@@ -330,6 +335,7 @@ ULONG HkPoolReportLeaks(BOOLEAN AsVerifierFindings)
     return total;
 }
 
+/* Makes the next Count allocations with Tag fail (0 cancels). */
 void HkPoolFailAllocations(ULONG Tag, ULONG Count)
 {
     PoolState &state = State();
@@ -340,6 +346,7 @@ void HkPoolFailAllocations(ULONG Tag, ULONG Count)
         state.failByTag[Tag] = Count;
 }
 
+/* Makes the next Count allocations of any tag fail (0 cancels). */
 void HkPoolFailAnyAllocations(ULONG Count)
 {
     PoolState &state = State();
@@ -347,6 +354,7 @@ void HkPoolFailAnyAllocations(ULONG Count)
     state.failAny = Count;
 }
 
+/* Cancels every pending injected failure. */
 void HkPoolClearFailures(void)
 {
     PoolState &state = State();

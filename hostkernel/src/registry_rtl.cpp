@@ -37,7 +37,8 @@ bool FullPath(ULONG relativeTo, PCWSTR path, reg::Name *full)
     return true;
 }
 
-/* Rejects what the host does not support (handles) and unknown bases; reports the former. */
+/* Checks the IRQL, rejects what the host does not support (key handles, reported) and
+ * unknown bases, and gives the full key path. */
 NTSTATUS ResolvePath(ULONG relativeTo, PCWSTR path, const char *api, reg::Name *full)
 {
     hk::core::RequireIrqlExactly(PASSIVE_LEVEL, api);
@@ -50,9 +51,16 @@ NTSTATUS ResolvePath(ULONG relativeTo, PCWSTR path, const char *api, reg::Name *
     return STATUS_SUCCESS;
 }
 
+/* Whether values of the type are UTF-16 strings. */
 bool IsString(ULONG type)
 {
     return type == REG_SZ || type == REG_EXPAND_SZ || type == REG_MULTI_SZ;
+}
+
+/* The entry's default type without the TYPECHECK byte. */
+ULONG DefaultTypeOf(const RTL_QUERY_REGISTRY_TABLE &entry)
+{
+    return entry.DefaultType & ~RTL_QUERY_REGISTRY_TYPECHECK_MASK;
 }
 
 // One value as an entry sees it, copied out of the tree.
@@ -65,7 +73,7 @@ struct Item {
 /* The default of an entry (DefaultLength 0 means the NUL-terminated length of a string). */
 Item DefaultItem(const RTL_QUERY_REGISTRY_TABLE &entry)
 {
-    Item item{reg::FromWide(entry.Name), entry.DefaultType & ~RTL_QUERY_REGISTRY_TYPECHECK_MASK, {}};
+    Item item{reg::FromWide(entry.Name), DefaultTypeOf(entry), {}};
     size_t length = entry.DefaultLength;
     if (length == 0 && entry.DefaultData != nullptr && IsString(item.type)) {
         auto *text = static_cast<PCWSTR>(entry.DefaultData);
@@ -84,13 +92,12 @@ Item DefaultItem(const RTL_QUERY_REGISTRY_TABLE &entry)
     return item;
 }
 
-/* Stores a string value into the UNICODE_STRING at EntryContext (allocating it when its
- * Buffer is NULL). */
+/* Stores a string value into the UNICODE_STRING at EntryContext, allocating its buffer
+ * from paged pool when Buffer is NULL. */
 NTSTATUS StoreDirectString(const Item &item, PUNICODE_STRING target)
 {
-    size_t bytes = item.data.size() & ~static_cast<size_t>(1);
     // Length excludes one terminator; the stored copy always ends with one.
-    size_t length = bytes;
+    size_t length = item.data.size() & ~static_cast<size_t>(1);
     if (length >= sizeof(WCHAR) && item.data[length - 1] == 0 && item.data[length - 2] == 0)
         length -= sizeof(WCHAR);
     const size_t needed = length + sizeof(WCHAR);
@@ -104,7 +111,8 @@ NTSTATUS StoreDirectString(const Item &item, PUNICODE_STRING target)
     } else if (needed > target->MaximumLength) {
         return STATUS_BUFFER_TOO_SMALL;
     }
-    memcpy(target->Buffer, item.data.data(), length);
+    if (length != 0)
+        memcpy(target->Buffer, item.data.data(), length);
     target->Buffer[length / sizeof(WCHAR)] = 0;
     target->Length = static_cast<USHORT>(length);
     return STATUS_SUCCESS;
@@ -186,7 +194,7 @@ NTSTATUS Deliver(const RTL_QUERY_REGISTRY_TABLE &entry, const Item &item, PVOID 
     return CallRoutine(entry, item.name, type, item.data.data(), item.data.size(), context);
 }
 
-/* Copies one value (found = false when missing) or all values of a key out of the tree. */
+/* Copies one value out of the tree; false when it or its key is missing. */
 bool CopyValue(const reg::Name &keyPath, const reg::Name &name, Item *item)
 {
     std::lock_guard<std::mutex> lock(reg::TreeMutex());
@@ -198,6 +206,7 @@ bool CopyValue(const reg::Name &keyPath, const reg::Name &name, Item *item)
     return true;
 }
 
+/* Copies every value of a key (none when the key is missing). */
 std::vector<Item> CopyAllValues(const reg::Name &keyPath)
 {
     std::vector<Item> items;
@@ -209,13 +218,14 @@ std::vector<Item> CopyAllValues(const reg::Name &keyPath)
     return items;
 }
 
+/* Whether the key exists now. */
 bool KeyExists(const reg::Name &keyPath)
 {
     std::lock_guard<std::mutex> lock(reg::TreeMutex());
     return reg::FindKey(keyPath) != nullptr;
 }
 
-/* Delivers every value of the key to a query routine (an entry without a Name). */
+/* Delivers every value of the key to the query routine of an entry without a Name. */
 NTSTATUS DeliverAll(const RTL_QUERY_REGISTRY_TABLE &entry, const reg::Name &keyPath,
                     PVOID context)
 {
@@ -225,7 +235,7 @@ NTSTATUS DeliverAll(const RTL_QUERY_REGISTRY_TABLE &entry, const reg::Name &keyP
     if (items.empty()) {
         if (entry.Flags & RTL_QUERY_REGISTRY_REQUIRED)
             return STATUS_OBJECT_NAME_NOT_FOUND;
-        if ((entry.DefaultType & ~RTL_QUERY_REGISTRY_TYPECHECK_MASK) != REG_NONE)
+        if (DefaultTypeOf(entry) != REG_NONE)
             return Deliver(entry, DefaultItem(entry), context);
         return STATUS_SUCCESS;
     }
@@ -237,7 +247,7 @@ NTSTATUS DeliverAll(const RTL_QUERY_REGISTRY_TABLE &entry, const reg::Name &keyP
     return STATUS_SUCCESS;
 }
 
-/* Processes one entry that names a value. */
+/* Processes one entry that names a value: the value, else its default, else nothing. */
 NTSTATUS DeliverNamed(const RTL_QUERY_REGISTRY_TABLE &entry, const reg::Name &keyPath,
                       PVOID context)
 {
@@ -254,11 +264,47 @@ NTSTATUS DeliverNamed(const RTL_QUERY_REGISTRY_TABLE &entry, const reg::Name &ke
     }
     if (entry.Flags & RTL_QUERY_REGISTRY_REQUIRED)
         return STATUS_OBJECT_NAME_NOT_FOUND;
-    if ((entry.DefaultType & ~RTL_QUERY_REGISTRY_TYPECHECK_MASK) == REG_NONE)
+    if (DefaultTypeOf(entry) == REG_NONE)
         return STATUS_SUCCESS;
     return Deliver(entry, DefaultItem(entry), context);
 }
 
+/* Processes one table entry with `currentKey` as the key its values come from; SUBKEY
+ * and TOPKEY entries move `currentKey`. */
+NTSTATUS ProcessEntry(const RTL_QUERY_REGISTRY_TABLE &entry, const reg::Name &topKey,
+                      bool optional, reg::Name *currentKey, PVOID context)
+{
+    if (entry.Flags & RTL_QUERY_REGISTRY_SUBKEY) {
+        if (entry.Name == nullptr) {
+            hk::VerifierError("RtlQueryRegistryValues: SUBKEY entry without a Name");
+            return STATUS_INVALID_PARAMETER;
+        }
+        *currentKey = topKey + u"\\" + reg::FromWide(entry.Name);
+        if (!optional && !KeyExists(*currentKey))
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        // With a routine, a SUBKEY entry also enumerates the subkey's values.
+        return entry.QueryRoutine != nullptr ? DeliverAll(entry, *currentKey, context)
+                                             : STATUS_SUCCESS;
+    }
+    // TOPKEY returns to the key of Path; the entry is then handled as usual.
+    if (entry.Flags & RTL_QUERY_REGISTRY_TOPKEY)
+        *currentKey = topKey;
+    if (entry.Name == nullptr) {
+        if (entry.Flags & RTL_QUERY_REGISTRY_DIRECT) {
+            hk::VerifierError("RtlQueryRegistryValues: DIRECT entry without a Name");
+            return STATUS_INVALID_PARAMETER;
+        }
+        return DeliverAll(entry, *currentKey, context);
+    }
+    if (entry.QueryRoutine == nullptr && !(entry.Flags & RTL_QUERY_REGISTRY_DIRECT)) {
+        hk::VerifierError("RtlQueryRegistryValues: entry for a value without a query routine "
+                          "or RTL_QUERY_REGISTRY_DIRECT");
+        return STATUS_INVALID_PARAMETER;
+    }
+    return DeliverNamed(entry, *currentKey, context);
+}
+
+/* Whether the entry ends the table (no routine, no name, not DIRECT). */
 bool IsTableEnd(const RTL_QUERY_REGISTRY_TABLE &entry)
 {
     return entry.QueryRoutine == nullptr && entry.Name == nullptr &&
@@ -283,34 +329,7 @@ NTSTATUS NTAPI RtlQueryRegistryValues(ULONG RelativeTo, PCWSTR Path,
 
     reg::Name currentKey = topKey;
     for (PRTL_QUERY_REGISTRY_TABLE entry = QueryTable; !IsTableEnd(*entry); ++entry) {
-        if (entry->Flags & RTL_QUERY_REGISTRY_SUBKEY) {
-            if (entry->Name == nullptr) {
-                hk::VerifierError("RtlQueryRegistryValues: SUBKEY entry without a Name");
-                return STATUS_INVALID_PARAMETER;
-            }
-            currentKey = topKey + u"\\" + reg::FromWide(entry->Name);
-            if (!optional && !KeyExists(currentKey))
-                return STATUS_OBJECT_NAME_NOT_FOUND;
-            status = entry->QueryRoutine != nullptr ? DeliverAll(*entry, currentKey, Context)
-                                                    : STATUS_SUCCESS;
-        } else if (entry->Flags & RTL_QUERY_REGISTRY_TOPKEY) {
-            currentKey = topKey;
-            status = entry->QueryRoutine != nullptr ? DeliverAll(*entry, currentKey, Context)
-                                                    : STATUS_SUCCESS;
-        } else if (entry->Name == nullptr) {
-            if (entry->Flags & RTL_QUERY_REGISTRY_DIRECT) {
-                hk::VerifierError("RtlQueryRegistryValues: DIRECT entry without a Name");
-                return STATUS_INVALID_PARAMETER;
-            }
-            status = DeliverAll(*entry, currentKey, Context);
-        } else {
-            if (entry->QueryRoutine == nullptr && !(entry->Flags & RTL_QUERY_REGISTRY_DIRECT)) {
-                hk::VerifierError("RtlQueryRegistryValues: entry for a value without a query "
-                                  "routine or RTL_QUERY_REGISTRY_DIRECT");
-                return STATUS_INVALID_PARAMETER;
-            }
-            status = DeliverNamed(*entry, currentKey, Context);
-        }
+        status = ProcessEntry(*entry, topKey, optional, &currentKey, Context);
         if (!NT_SUCCESS(status))
             return status;
     }
@@ -347,7 +366,7 @@ NTSTATUS NTAPI RtlDeleteRegistryValue(ULONG RelativeTo, PCWSTR Path, PCWSTR Valu
     return STATUS_SUCCESS;
 }
 
-/* STATUS_SUCCESS when the key exists, else STATUS_OBJECT_NAME_NOT_FOUND. */
+/* STATUS_SUCCESS when the key exists, else STATUS_OBJECT_NAME_NOT_FOUND. PASSIVE_LEVEL. */
 NTSTATUS NTAPI RtlCheckRegistryKey(ULONG RelativeTo, PWSTR Path)
 {
     reg::Name keyPath;
@@ -357,7 +376,7 @@ NTSTATUS NTAPI RtlCheckRegistryKey(ULONG RelativeTo, PWSTR Path)
     return KeyExists(keyPath) ? STATUS_SUCCESS : STATUS_OBJECT_NAME_NOT_FOUND;
 }
 
-/* Creates the key (its parent must exist). */
+/* Creates the key; its parent must exist. PASSIVE_LEVEL. */
 NTSTATUS NTAPI RtlCreateRegistryKey(ULONG RelativeTo, PWSTR Path)
 {
     reg::Name keyPath;

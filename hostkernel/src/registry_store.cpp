@@ -14,12 +14,14 @@ namespace core {
 namespace registry {
 namespace {
 
+/* The unnamed key above \Registry. */
 Key &Root()
 {
     static Key *root = new Key; // never destroyed: drivers may read the registry at exit
     return *root;
 }
 
+/* Whether two names are equal ignoring case. */
 bool SameName(const Name &a, const Name &b)
 {
     if (a.size() != b.size())
@@ -50,6 +52,7 @@ bool SplitPath(const Name &path, std::vector<Name> *parts)
     return !parts->empty();
 }
 
+/* The subkey named `name`, or nullptr. */
 Key *FindChild(Key *key, const Name &name)
 {
     for (auto &child : key->subkeys) {
@@ -61,6 +64,7 @@ Key *FindChild(Key *key, const Name &name)
 
 } // namespace
 
+/* The lock of the whole tree (never destroyed). */
 std::mutex &TreeMutex()
 {
     static std::mutex *mutex = new std::mutex;
@@ -129,6 +133,7 @@ NTSTATUS DeleteKey(const Name &path)
     return STATUS_OBJECT_NAME_NOT_FOUND;
 }
 
+/* The value named `name`, or nullptr. Caller holds TreeMutex. */
 Value *FindValue(Key *key, const Name &name)
 {
     for (Value &value : key->values) {
@@ -151,6 +156,7 @@ void SetValue(Key *key, const Name &name, ULONG type, const void *data, size_t l
     value->data.assign(bytes, bytes + length);
 }
 
+/* Deletes a value; false when missing. Caller holds TreeMutex. */
 bool DeleteValue(Key *key, const Name &name)
 {
     for (auto it = key->values.begin(); it != key->values.end(); ++it) {
@@ -162,12 +168,14 @@ bool DeleteValue(Key *key, const Name &name)
     return false;
 }
 
+/* Deletes every key. Caller holds TreeMutex. */
 void Clear()
 {
     Root().subkeys.clear();
     Root().values.clear();
 }
 
+/* A NUL-terminated UTF-16 string as a Name (NULL gives an empty one). */
 Name FromWide(PCWSTR s)
 {
     Name name;
@@ -287,11 +295,13 @@ NTSTATUS HkRegistryDeleteKey(const char *KeyPath)
     return reg::DeleteKey(reg::FromUtf8(KeyPath));
 }
 
+/* A REG_DWORD value. */
 NTSTATUS HkRegistrySetDword(const char *KeyPath, const char *ValueName, ULONG Value)
 {
     return SetHostValue(KeyPath, ValueName, REG_DWORD, &Value, sizeof Value);
 }
 
+/* A REG_SZ value from UTF-8. */
 NTSTATUS HkRegistrySetString(const char *KeyPath, const char *ValueName, const char *Value)
 {
     reg::Name text = Terminated(Value);
@@ -310,18 +320,21 @@ NTSTATUS HkRegistrySetMultiString(const char *KeyPath, const char *ValueName,
                         text.size() * sizeof(char16_t));
 }
 
+/* A REG_BINARY value. */
 NTSTATUS HkRegistrySetBinary(const char *KeyPath, const char *ValueName, const void *Data,
                              ULONG Length)
 {
     return SetHostValue(KeyPath, ValueName, REG_BINARY, Data, Length);
 }
 
+/* A value of any type from raw bytes. */
 NTSTATUS HkRegistrySetValue(const char *KeyPath, const char *ValueName, ULONG Type,
                             const void *Data, ULONG Length)
 {
     return SetHostValue(KeyPath, ValueName, Type, Data, Length);
 }
 
+/* Deletes a value; STATUS_OBJECT_NAME_NOT_FOUND when it is missing. */
 NTSTATUS HkRegistryDeleteValue(const char *KeyPath, const char *ValueName)
 {
     std::lock_guard<std::mutex> lock(reg::TreeMutex());

@@ -14,6 +14,7 @@ namespace {
 constexpr size_t kMaxUnicodeBytes = 0xFFFE;
 constexpr ULONG kStringTag = HK_POOL_TAG('U', 's', 't', 'r');
 
+/* Length of a counted string in WCHARs. */
 size_t Chars(PCUNICODE_STRING s)
 {
     return s->Length / sizeof(WCHAR);
@@ -77,6 +78,7 @@ WCHAR UpcaseChar(WCHAR c)
 } // namespace core
 } // namespace hk
 
+/* Number of leading bytes that match. Any IRQL. */
 SIZE_T NTAPI RtlCompareMemory(const VOID *Source1, const VOID *Source2, SIZE_T Length)
 {
     const auto *a = static_cast<const UCHAR *>(Source1);
@@ -87,6 +89,7 @@ SIZE_T NTAPI RtlCompareMemory(const VOID *Source1, const VOID *Source2, SIZE_T L
     return i;
 }
 
+/* Points the string at SourceString (NULL gives an empty string). Any IRQL. */
 VOID NTAPI RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR SourceString)
 {
     DestinationString->Buffer = const_cast<PWSTR>(SourceString);
@@ -101,6 +104,7 @@ VOID NTAPI RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR Source
     DestinationString->MaximumLength = static_cast<USHORT>(bytes + sizeof(WCHAR));
 }
 
+/* Points the string at SourceString (NULL gives an empty string). Any IRQL. */
 VOID NTAPI RtlInitAnsiString(PANSI_STRING DestinationString, PCSZ SourceString)
 {
     DestinationString->Buffer = const_cast<PCHAR>(SourceString);
@@ -115,11 +119,13 @@ VOID NTAPI RtlInitAnsiString(PANSI_STRING DestinationString, PCSZ SourceString)
     DestinationString->MaximumLength = static_cast<USHORT>(bytes + 1);
 }
 
+/* Same as RtlInitAnsiString. */
 VOID NTAPI RtlInitString(PSTRING DestinationString, PCSZ SourceString)
 {
     RtlInitAnsiString(DestinationString, SourceString);
 }
 
+/* Copies what fits, terminating when there is room; NULL source empties. */
 VOID NTAPI RtlCopyUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STRING SourceString)
 {
     if (SourceString == nullptr) {
@@ -135,6 +141,7 @@ VOID NTAPI RtlCopyUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STR
         DestinationString->Buffer[bytes / sizeof(WCHAR)] = 0;
 }
 
+/* Whether both strings are equal (optionally ignoring case). */
 BOOLEAN NTAPI RtlEqualUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2,
                                     BOOLEAN CaseInSensitive)
 {
@@ -143,12 +150,14 @@ BOOLEAN NTAPI RtlEqualUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING S
     return Compare(String1, String2, CaseInSensitive != FALSE) == 0;
 }
 
+/* <0, 0 or >0 as String1 sorts before, with or after String2. */
 LONG NTAPI RtlCompareUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2,
                                    BOOLEAN CaseInSensitive)
 {
     return Compare(String1, String2, CaseInSensitive != FALSE);
 }
 
+/* Whether String1 is a prefix of String2. */
 BOOLEAN NTAPI RtlPrefixUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2,
                                      BOOLEAN CaseInSensitive)
 {
@@ -159,17 +168,20 @@ BOOLEAN NTAPI RtlPrefixUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING 
     return Compare(String1, &head, CaseInSensitive != FALSE) == 0;
 }
 
+/* Upper case of an ASCII or Latin-1 letter; other characters unchanged. */
 WCHAR NTAPI RtlUpcaseUnicodeChar(WCHAR SourceCharacter)
 {
     return hk::core::UpcaseChar(SourceCharacter);
 }
 
+/* Appends Source; STATUS_BUFFER_TOO_SMALL when it does not fit. */
 NTSTATUS NTAPI RtlAppendUnicodeStringToString(PUNICODE_STRING Destination,
                                               PCUNICODE_STRING Source)
 {
     return Append(Destination, Source->Buffer, Source->Length);
 }
 
+/* Appends a NUL-terminated string; STATUS_BUFFER_TOO_SMALL when it does not fit. */
 NTSTATUS NTAPI RtlAppendUnicodeToString(PUNICODE_STRING Destination, PCWSTR Source)
 {
     if (Source == nullptr)
@@ -177,6 +189,7 @@ NTSTATUS NTAPI RtlAppendUnicodeToString(PUNICODE_STRING Destination, PCWSTR Sour
     return Append(Destination, Source, hk::core::WideLength(Source) * sizeof(WCHAR));
 }
 
+/* Parses leading blanks, a sign, an optional base prefix (Base 0) and digits. */
 NTSTATUS NTAPI RtlUnicodeStringToInteger(PCUNICODE_STRING String, ULONG Base, PULONG Value)
 {
     size_t i = 0;
@@ -209,6 +222,7 @@ NTSTATUS NTAPI RtlUnicodeStringToInteger(PCUNICODE_STRING String, ULONG Base, PU
     return STATUS_SUCCESS;
 }
 
+/* Latin-1 to UTF-16, into an allocated (paged pool) or the given buffer. */
 NTSTATUS NTAPI RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString,
                                             PCANSI_STRING SourceString,
                                             BOOLEAN AllocateDestinationString)
@@ -234,6 +248,7 @@ NTSTATUS NTAPI RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString,
     return STATUS_SUCCESS;
 }
 
+/* UTF-16 to Latin-1 ('?' above U+00FF), into an allocated or the given buffer. */
 NTSTATUS NTAPI RtlUnicodeStringToAnsiString(PANSI_STRING DestinationString,
                                             PCUNICODE_STRING SourceString,
                                             BOOLEAN AllocateDestinationString)
@@ -262,6 +277,7 @@ NTSTATUS NTAPI RtlUnicodeStringToAnsiString(PANSI_STRING DestinationString,
     return status;
 }
 
+/* Frees a buffer the Rtl routines allocated and empties the string. */
 VOID NTAPI RtlFreeUnicodeString(PUNICODE_STRING UnicodeString)
 {
     if (UnicodeString->Buffer != nullptr)
@@ -270,6 +286,7 @@ VOID NTAPI RtlFreeUnicodeString(PUNICODE_STRING UnicodeString)
     UnicodeString->Length = UnicodeString->MaximumLength = 0;
 }
 
+/* Frees a buffer the Rtl routines allocated and empties the string. */
 VOID NTAPI RtlFreeAnsiString(PANSI_STRING AnsiString)
 {
     if (AnsiString->Buffer != nullptr)

@@ -10,19 +10,24 @@
 #include "core_internal.h"
 
 #include <sched.h>
+#include <time.h>
 
 namespace hk {
 namespace core {
 
-/* One step of a wait for another thread: pause a growing number of times, then yield.
- * `round` counts the steps taken. Any IRQL. */
+/* One step of a wait for another thread: pause a growing number of times, then yield,
+ * and once the other thread has clearly lost its processor, nap briefly so it gets one
+ * even on an oversubscribed host. `round` counts the steps taken. Any IRQL. */
 void SpinBackoff(unsigned *round)
 {
     if (*round < 10) {
         for (unsigned i = 0; i < (1u << *round); ++i)
             __builtin_ia32_pause();
-    } else {
+    } else if (*round < 60) {
         sched_yield();
+    } else {
+        const timespec nap = {0, 50000};
+        nanosleep(&nap, nullptr);
     }
     ++*round;
 }

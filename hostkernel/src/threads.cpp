@@ -53,6 +53,7 @@ SystemThreads &SystemThreadList()
     return *threads;
 }
 
+/* A new thread id: nonzero multiples of 4, as Windows gives. */
 HANDLE NextThreadId()
 {
     static ULONG_PTR lastId = 0x100;
@@ -120,6 +121,7 @@ struct SystemThreadFinisher {
     ~SystemThreadFinisher() { FinishSystemThread(thread); }
 };
 
+/* Body of a system thread's host thread: PASSIVE_LEVEL, the start routine, the end. */
 void *SystemThreadMain(void *context)
 {
     auto *thread = static_cast<KThreadBody *>(context);
@@ -246,6 +248,7 @@ PKTHREAD NTAPI KeGetCurrentThread(VOID)
     return reinterpret_cast<PKTHREAD>(CurrentRecord());
 }
 
+/* The calling thread's record (the same as KeGetCurrentThread). Any IRQL. */
 PETHREAD NTAPI PsGetCurrentThread(VOID)
 {
     return reinterpret_cast<PETHREAD>(CurrentRecord());

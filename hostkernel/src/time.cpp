@@ -21,6 +21,7 @@ constexpr ULONG kTimeIncrement = 156250;
 // The performance counter counts 100 ns units.
 constexpr LONGLONG kPerformanceFrequency = 10000000;
 
+/* A host clock in nanoseconds. */
 int64_t ClockNs(clockid_t clock)
 {
     timespec ts;

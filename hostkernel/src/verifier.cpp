@@ -10,7 +10,6 @@
 
 #include <stdarg.h>
 #include <stdio.h>
-#include <stdlib.h>
 
 #include <mutex>
 #include <string>
@@ -30,6 +29,7 @@ FindingStore &Store()
     return *store;
 }
 
+/* printf-style formatting into a string of any length. */
 std::string FormatV(const char *fmt, va_list args)
 {
     char small[256];
@@ -47,6 +47,7 @@ std::string FormatV(const char *fmt, va_list args)
     return text;
 }
 
+/* The symbolic name of a bugcheck code the core raises. */
 const char *BugCheckName(ULONG code)
 {
     switch (code) {
@@ -77,7 +78,8 @@ void VerifierError(const char *fmt, ...)
 
 namespace core {
 
-/* Prints the bugcheck line and aborts. Any IRQL; does not return. */
+/* Prints the reason as a bugcheck line, then stops through KeBugCheckEx (stop line,
+ * backtrace, abort). Any IRQL; does not return. */
 void BugCheck(ULONG code, const char *fmt, ...)
 {
     va_list args;
@@ -86,7 +88,7 @@ void BugCheck(ULONG code, const char *fmt, ...)
     va_end(args);
     fprintf(stderr, "*** BUGCHECK 0x%08X (%s): %s\n", code, BugCheckName(code), text.c_str());
     fflush(stderr);
-    abort();
+    KeBugCheckEx(code, 0, 0, 0, 0);
 }
 
 } // namespace core

@@ -62,6 +62,7 @@ void Run(const Work &work)
     hk::core::CheckThreadIsClean(where);
 }
 
+/* Body of a worker: takes work in order, forever. */
 void *WorkerMain(void *)
 {
     hk::core::tThread.irql = PASSIVE_LEVEL;

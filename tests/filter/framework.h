@@ -43,6 +43,37 @@ inline int FindLine(const std::vector<std::string> &lines, const std::string &li
     return -1;
 }
 
+/* Keeps a completed request for its sender instead of letting the I/O manager finish it. */
+inline NTSTATUS NTAPI KeepCompletedRequest(PDEVICE_OBJECT, PIRP, PVOID)
+{
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+/*
+ * Sends one buffered request straight to the framework's control device, the
+ * way the I/O manager would, and leaves the system buffer (`buffer`, at least
+ * as large as both lengths) for the test to look at. Returns the completion
+ * status; `information` receives the bytes the request reported.
+ */
+inline NTSTATUS SendToDevice(UCHAR major, ULONG code, std::vector<UCHAR> &buffer, ULONG inputLength,
+                             ULONG outputLength, ULONG_PTR *information)
+{
+    PDEVICE_OBJECT device = g_pGlobal->m_pDeviceObject;
+    PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
+    irp->AssociatedIrp.SystemBuffer = buffer.empty() ? nullptr : buffer.data();
+    PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp);
+    stack->MajorFunction = major;
+    stack->Parameters.DeviceIoControl.IoControlCode = code;
+    stack->Parameters.DeviceIoControl.InputBufferLength = inputLength;
+    stack->Parameters.DeviceIoControl.OutputBufferLength = outputLength;
+    IoSetCompletionRoutine(irp, KeepCompletedRequest, nullptr, TRUE, TRUE, TRUE);
+    IoCallDriver(device, irp);
+    NTSTATUS status = irp->IoStatus.Status;
+    *information = irp->IoStatus.Information;
+    IoFreeIrp(irp);
+    return status;
+}
+
 class Framework : public ::testing::Test {
 protected:
     /* Loads the driver; GlobalDebugFlag is written to the service key unless `noDebugFlag`. */

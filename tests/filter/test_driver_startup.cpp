@@ -157,7 +157,24 @@ TEST_F(DriverStartup, WithoutMappedMemoryTheShareThreadIsNotStarted)
     ASSERT_TRUE(NdisWaitEvent(&g_pGlobal->m_WorkThreadExitEvent, 5000));
 }
 
-TEST_F(DriverStartup, TheUserProgramOpensTheDeviceAndReadsVersion1Point0)
+TEST_F(DriverStartup, GetVersionWritesOnePointZeroButReportsNoBytes)
+{
+    ASSERT_EQ(Load(), STATUS_SUCCESS);
+    std::vector<UCHAR> buffer(2, 0xEE);
+    ULONG_PTR information = 99;
+    EXPECT_EQ(nftest::SendToDevice(IRP_MJ_DEVICE_CONTROL, IOCTL_NDIS_FILTER_GET_VERSION, buffer, 0, 2, &information),
+              STATUS_SUCCESS);
+    EXPECT_EQ(buffer[0], 1);
+    EXPECT_EQ(buffer[1], 0);
+    EXPECT_EQ(information, 0u);
+
+    buffer.assign(2, 0xEE);
+    EXPECT_EQ(nftest::SendToDevice(IRP_MJ_DEVICE_CONTROL, IOCTL_NDIS_FILTER_GET_VERSION, buffer, 0, 1, &information),
+              STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(buffer[0], 0xEE);
+}
+
+TEST_F(DriverStartup, TheUserProgramOpensTheDeviceAndItsRequestsComplete)
 {
     ASSERT_EQ(Load(), STATUS_SUCCESS);
     HANDLE device = CreateFileA("\\\\.\\NdisFilter", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
@@ -167,12 +184,16 @@ TEST_F(DriverStartup, TheUserProgramOpensTheDeviceAndReadsVersion1Point0)
     UCHAR version[2] = {0xEE, 0xEE};
     DWORD returned = 99;
     EXPECT_TRUE(DeviceIoControl(device, IOCTL_NDIS_FILTER_GET_VERSION, nullptr, 0, version, 2, &returned, nullptr));
-    EXPECT_EQ(version[0], 1);
-    EXPECT_EQ(version[1], 0);
-    EXPECT_EQ(returned, 0u); /* the two bytes are written but not reported */
+    EXPECT_EQ(returned, 0u); /* nothing reported, so nothing is copied back */
 
     EXPECT_FALSE(DeviceIoControl(device, IOCTL_NDIS_FILTER_GET_VERSION, nullptr, 0, version, 1, &returned, nullptr));
     EXPECT_EQ(GetLastError(), (DWORD)ERROR_INSUFFICIENT_BUFFER);
+
+    ULONG size = 0;
+    EXPECT_TRUE(DeviceIoControl(device, IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, nullptr, 0, &size, sizeof(size),
+                                &returned, nullptr));
+    EXPECT_EQ(returned, 4u);
+    EXPECT_EQ(size, 1724520u);
 
     EXPECT_FALSE(DeviceIoControl(device, 0x80002FFC, nullptr, 0, nullptr, 0, &returned, nullptr));
     EXPECT_EQ(GetLastError(), (DWORD)ERROR_NOT_SUPPORTED);

@@ -43,17 +43,18 @@ TEST_F(EventQueue, RecordsQueueInReportOrderWithTheirValuesAndText)
 
 TEST_F(EventQueue, ATextThatDoesNotFitIsCutWithoutTerminatorAndLengthMinusOne)
 {
-    std::string text(1024, 'x');
-    ASSERT_EQ(Filter_ReportEvent(0, 0, "%s", text.c_str()), FILTER_STATUS_SUCCESS);
-    std::string longer(3000, 'y');
+    std::string longer(1025, 'y');
     ASSERT_EQ(Filter_ReportEvent(0, 0, "%s", longer.c_str()), FILTER_STATUS_SUCCESS);
+    /* Exactly 1,024 characters fill the text: stored whole, no terminator, length 1024. */
+    std::string exact(1024, 'x');
+    ASSERT_EQ(Filter_ReportEvent(0, 0, "%s", exact.c_str()), FILTER_STATUS_SUCCESS);
 
     auto records = Queued();
     ASSERT_EQ(records.size(), 2u);
     EXPECT_EQ(records[0]->m_nLength, -1);
-    EXPECT_EQ(std::string(records[0]->m_Text, 1024), text);
-    EXPECT_EQ(records[1]->m_nLength, -1);
-    EXPECT_EQ(std::string(records[1]->m_Text, 1024), std::string(1024, 'y'));
+    EXPECT_EQ(std::string(records[0]->m_Text, 1024), std::string(1024, 'y'));
+    EXPECT_EQ(records[1]->m_nLength, 1024);
+    EXPECT_EQ(std::string(records[1]->m_Text, 1024), exact);
 }
 
 TEST_F(EventQueue, BinaryDataIsCutAt1024BytesAndMissingDataHasNoText)

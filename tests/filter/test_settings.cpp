@@ -114,7 +114,7 @@ TEST_F(Settings, AReplacedPathEndsWithTheTail)
     WideString tail("Hooks0");
     UNICODE_STRING result = {0, 0, nullptr};
     ASSERT_EQ(Filter_ReplaceDriverRegistryPath(&source.m_string, &tail.m_string, &result), STATUS_SUCCESS);
-    EXPECT_EQ(Narrow(result.Buffer, result.Length / 2), "\\Registry\\Machine\\ServicHooks0");
+    EXPECT_EQ(Narrow(result.Buffer, result.Length / 2), "\\Registry\\Machine\\Services\\Hooks0");
     ExFreePool(result.Buffer);
 
     WideString longTail("a tail longer than the whole source path itself");

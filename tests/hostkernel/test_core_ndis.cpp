@@ -43,7 +43,7 @@ TEST_F(RwLockTest, ManyReadersHoldTheLockAtTheSameTime)
 TEST_F(RwLockTest, WriterExcludesReadersAndOtherWriters)
 {
     const int kThreads = 4, kRounds = 5000;
-    long value[2] = {0, 0}; // a writer keeps both equal; readers must never see them differ
+    volatile long value[2] = {0, 0}; // a writer keeps both equal; readers never see them differ
     std::atomic<bool> tornRead{false};
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
@@ -55,7 +55,8 @@ TEST_F(RwLockTest, WriterExcludesReadersAndOtherWriters)
                 if (write) {
                     long next = value[0] + 1;
                     value[0] = next;
-                    std::this_thread::yield();
+                    for (int spin = 0; spin < 200; ++spin)
+                        YieldProcessor(); // widen the window a reader could see
                     value[1] = next;
                 } else if (value[0] != value[1]) {
                     tornRead = true;

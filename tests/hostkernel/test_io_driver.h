@@ -33,6 +33,8 @@ struct EchoDriver {
     LIST_ENTRY queue;          // pending requests, guarded by the cancel spin lock
     int queued = 0;            // likewise
     std::vector<WCHAR> registryPath;
+    std::vector<UCHAR> stored; // what the last write left for reads
+    KIRQL closeIrql = HIGH_LEVEL;
     // Behaviour switches a test sets before loading.
     bool keepDeviceOnUnload = false;
     bool cancelRoutineKeepsLock = false;
@@ -71,8 +73,28 @@ inline NTSTATUS EchoCreateCleanupClose(PDEVICE_OBJECT, PIRP irp)
     {
         std::lock_guard<std::mutex> guard(g_echo->lock);
         g_echo->majors.push_back(IoGetCurrentIrpStackLocation(irp)->MajorFunction);
+        if (IoGetCurrentIrpStackLocation(irp)->MajorFunction == IRP_MJ_CLOSE)
+            g_echo->closeIrql = KeGetCurrentIrql();
     }
     return CompleteIrp(irp, STATUS_SUCCESS, 0);
+}
+
+// The device does buffered I/O: writes are kept, reads return them.
+inline NTSTATUS EchoReadWrite(PDEVICE_OBJECT, PIRP irp)
+{
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+    PUCHAR buffer = static_cast<PUCHAR>(irp->AssociatedIrp.SystemBuffer);
+    std::lock_guard<std::mutex> guard(g_echo->lock);
+    if (stack->MajorFunction == IRP_MJ_WRITE) {
+        g_echo->stored.assign(buffer, buffer + stack->Parameters.Write.Length);
+        return CompleteIrp(irp, STATUS_SUCCESS, stack->Parameters.Write.Length);
+    }
+    size_t count = g_echo->stored.size();
+    if (count > stack->Parameters.Read.Length)
+        count = stack->Parameters.Read.Length;
+    if (count > 0)
+        std::memcpy(buffer, g_echo->stored.data(), count);
+    return CompleteIrp(irp, STATUS_SUCCESS, count);
 }
 
 // Runs holding the cancel spin lock at DISPATCH_LEVEL.
@@ -188,10 +210,13 @@ inline NTSTATUS EchoDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryP
         return status;
     }
     InitializeListHead(&g_echo->queue);
+    g_echo->device->Flags |= DO_BUFFERED_IO;
     driver->MajorFunction[IRP_MJ_CREATE] = EchoCreateCleanupClose;
     driver->MajorFunction[IRP_MJ_CLEANUP] = EchoCreateCleanupClose;
     driver->MajorFunction[IRP_MJ_CLOSE] = EchoCreateCleanupClose;
     driver->MajorFunction[IRP_MJ_DEVICE_CONTROL] = EchoDeviceControl;
+    driver->MajorFunction[IRP_MJ_READ] = EchoReadWrite;
+    driver->MajorFunction[IRP_MJ_WRITE] = EchoReadWrite;
     driver->DriverUnload = EchoUnload;
     return STATUS_SUCCESS;
 }
