@@ -9,6 +9,11 @@
  *
  * Waits on several objects sleep on one process-wide generation futex
  * instead; a signaller bumps it only when the object has such waiters.
+ *
+ * Drivers often wait on an event in their own stack frame and return as soon
+ * as it is signalled, while the signalling thread may still be inside
+ * KeSetEvent. Signallers therefore count themselves in the object for as long
+ * as they touch it, and a waiter leaves only once that count is zero.
  */
 #include "core_internal.h"
 
@@ -38,21 +43,33 @@ bool IsWaitable(const DISPATCHER_HEADER *header)
     return false;
 }
 
-/* Sets the signal state and wakes whoever may be waiting; returns the previous state. */
+/* Sets the signal state and wakes whoever may be waiting; returns the previous state.
+ * The object is not touched once the signaller count drops back. */
 LONG Signal(DISPATCHER_HEADER *header)
 {
+    __atomic_add_fetch(&header->HostWait.Signallers, 1, __ATOMIC_SEQ_CST);
     LONG previous = __atomic_exchange_n(&header->SignalState, 1, __ATOMIC_SEQ_CST);
-    if (previous != 0)
-        return previous; // waiters already see it signalled
-    if (__atomic_load_n(&header->HostWait.Waiters, __ATOMIC_SEQ_CST) > 0) {
-        int count = header->Type == EventSynchronizationObject ? 1 : INT_MAX;
-        hk::core::FutexWake(&header->SignalState, count);
+    if (previous == 0) { // otherwise waiters already see it signalled
+        if (__atomic_load_n(&header->HostWait.Waiters, __ATOMIC_SEQ_CST) > 0) {
+            int count = header->Type == EventSynchronizationObject ? 1 : INT_MAX;
+            hk::core::FutexWake(&header->SignalState, count);
+        }
+        if (__atomic_load_n(&header->HostWait.MultiWaiters, __ATOMIC_SEQ_CST) > 0) {
+            __atomic_add_fetch(&gMultiWaitGeneration, 1, __ATOMIC_SEQ_CST);
+            hk::core::FutexWake(&gMultiWaitGeneration, INT_MAX);
+        }
     }
-    if (__atomic_load_n(&header->HostWait.MultiWaiters, __ATOMIC_SEQ_CST) > 0) {
-        __atomic_add_fetch(&gMultiWaitGeneration, 1, __ATOMIC_SEQ_CST);
-        hk::core::FutexWake(&gMultiWaitGeneration, INT_MAX);
-    }
+    __atomic_sub_fetch(&header->HostWait.Signallers, 1, __ATOMIC_RELEASE);
     return previous;
+}
+
+/* Waits until no thread is inside Signal on the object, so the caller may return (and
+ * its owner free the object). */
+void AwaitSignallers(const DISPATCHER_HEADER *header)
+{
+    unsigned round = 0;
+    while (__atomic_load_n(&header->HostWait.Signallers, __ATOMIC_ACQUIRE) != 0)
+        hk::core::SpinBackoff(&round);
 }
 
 /* Satisfies a wait on the object if it is signalled: a synchronization event is reset by
@@ -85,8 +102,10 @@ int64_t CheckedDeadline(const LARGE_INTEGER *timeout, const char *api)
 /* Waits for one object until the deadline. */
 NTSTATUS WaitOne(DISPATCHER_HEADER *header, int64_t deadline)
 {
-    if (TryAcquire(header))
+    if (TryAcquire(header)) {
+        AwaitSignallers(header);
         return STATUS_SUCCESS;
+    }
     if (deadline != hk::core::kForever && deadline <= hk::core::MonotonicNowNs())
         return STATUS_TIMEOUT;
     __atomic_add_fetch(&header->HostWait.Waiters, 1, __ATOMIC_SEQ_CST);
@@ -103,6 +122,7 @@ NTSTATUS WaitOne(DISPATCHER_HEADER *header, int64_t deadline)
         }
     }
     __atomic_sub_fetch(&header->HostWait.Waiters, 1, __ATOMIC_SEQ_CST);
+    AwaitSignallers(header);
     return status;
 }
 
@@ -184,6 +204,7 @@ VOID NTAPI KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State)
     header->SignalState = State ? 1 : 0;
     header->HostWait.Waiters = 0;
     header->HostWait.MultiWaiters = 0;
+    header->HostWait.Signallers = 0;
 }
 
 /* Signals the event and wakes its waiters; returns the previous state. IRQL <=
@@ -209,10 +230,14 @@ VOID NTAPI KeClearEvent(PRKEVENT Event)
     __atomic_store_n(&Event->Header.SignalState, 0, __ATOMIC_SEQ_CST);
 }
 
-/* The current state. Any IRQL. */
+/* The current state; once it reads signalled, no signaller is still inside the event (so
+ * a poller may free it). Any IRQL. */
 LONG NTAPI KeReadStateEvent(PRKEVENT Event)
 {
-    return __atomic_load_n(&Event->Header.SignalState, __ATOMIC_SEQ_CST);
+    LONG state = __atomic_load_n(&Event->Header.SignalState, __ATOMIC_SEQ_CST);
+    if (state != 0)
+        AwaitSignallers(&Event->Header);
+    return state;
 }
 
 /* Waits for an event or a thread object (see hk/sync.h for the time-out rules). */
@@ -281,7 +306,9 @@ NTSTATUS NTAPI KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE W
             break;
         }
     }
-    for (ULONG i = 0; i < Count; ++i)
+    for (ULONG i = 0; i < Count; ++i) {
         __atomic_sub_fetch(&headers[i]->HostWait.MultiWaiters, 1, __ATOMIC_SEQ_CST);
+        AwaitSignallers(headers[i]);
+    }
     return status;
 }

@@ -301,6 +301,33 @@ TEST(EventTest, WaitingOnAnUninitializedObjectIsReported)
               KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr));
 }
 
+TEST(EventTest, WaiterMayFreeTheEventAsSoonAsItsWaitReturns)
+{
+    // The common driver pattern: the event lives in the waiter's memory, which is gone as
+    // soon as the wait returns, while the signalling thread may still be in KeSetEvent.
+    // (AddressSanitizer builds report any access after the free.)
+    std::atomic<KEVENT *> handOver{nullptr};
+    std::atomic<bool> done{false};
+    std::thread setter([&] {
+        while (!done) {
+            KEVENT *event = handOver.exchange(nullptr);
+            if (event != nullptr)
+                KeSetEvent(event, IO_NO_INCREMENT, FALSE);
+            else
+                std::this_thread::yield();
+        }
+    });
+    for (int i = 0; i < 3000; ++i) {
+        auto *event = new KEVENT;
+        KeInitializeEvent(event, i % 2 == 0 ? NotificationEvent : SynchronizationEvent, FALSE);
+        handOver = event;
+        EXPECT_EQ(STATUS_SUCCESS, KeWaitForSingleObject(event, Executive, KernelMode, FALSE, nullptr));
+        delete event;
+    }
+    done = true;
+    setter.join();
+}
+
 TEST(MultipleWaitTest, WaitAnyReturnsTheIndexOfTheSignalledObject)
 {
     KEVENT events[3];

@@ -66,7 +66,7 @@ const char Unknown[] = "Unknown";
 /* Name of a status code, "Unknown" outside -45 ... 0. */
 EXTERN_C PCSTR NTAPI Filter_StatusString(FILTER_STATUS Status)
 {
-    ULONG index = (ULONG)((LONG)Status + 45);
+    ULONG index = (ULONG)Status + 45u;
     return index <= 45 ? StatusNames[index] : Unknown;
 }
 

@@ -193,7 +193,7 @@ NTSYSAPI USHORT NTAPI QueryDepthSList(PSLIST_HEADER ListHead);
 #define ThreadObject 6
 
 /* The common head of every waitable object. SignalState is the signal state (0 / 1);
- * the host runtime keeps its waiter counts where Windows keeps the wait list. */
+ * the host runtime keeps its wait bookkeeping where Windows keeps the wait list. */
 typedef struct _DISPATCHER_HEADER {
     UCHAR Type;       /* one of the *Object values above */
     UCHAR Signalling;
@@ -203,8 +203,9 @@ typedef struct _DISPATCHER_HEADER {
     union {
         LIST_ENTRY WaitListHead;
         struct {
-            LONG Waiters;      /* threads waiting on this object alone */
-            LONG MultiWaiters; /* threads waiting on it among other objects */
+            LONG Waiters;        /* threads waiting on this object alone */
+            USHORT MultiWaiters; /* threads waiting on it among other objects */
+            USHORT Signallers;   /* threads inside KeSetEvent on it */
         } HostWait;
     };
 } DISPATCHER_HEADER, *PDISPATCHER_HEADER;

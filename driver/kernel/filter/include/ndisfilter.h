@@ -214,6 +214,154 @@ NDISFILTER_API FILTER_STATUS NTAPI Filter_ReportEventEx(ULONG Value1, ULONG Valu
 typedef struct _FilterAdapter FilterAdapter, *PFilterAdapter;
 typedef struct _FilterPacket FilterPacket, *PFilterPacket;
 typedef struct _MappedMemory MappedMemory, *PMappedMemory;
+struct _PacketFilter;
+
+/* Adapter events delivered to the adapter event handlers. */
+#define FILTER_EVENT_ADAPTER_OPENED    0
+#define FILTER_EVENT_MEDIA_CONNECT     1
+#define FILTER_EVENT_MEDIA_DISCONNECT  2
+#define FILTER_EVENT_ADAPTER_CLOSED    3
+#define FILTER_EVENT_IPCONFIG_CHANGED  4
+
+/* The IP configuration of an adapter. Addresses are IPv4 in network order. */
+#define FILTER_MAX_IPCONFIG_ENTRIES 8
+
+#pragma pack(push, 4)
+typedef struct _IPAddressTriple {
+    ULONG IpAddress;
+    ULONG Netmask;
+    ULONG Broadcast;
+} IPAddressTriple;
+
+typedef struct _IPConfig {
+    PFilterAdapter hAdapter;
+    ULONG m_dwReserved; /* carried and compared, not interpreted */
+    ULONG m_nIP;
+    IPAddressTriple m_IP[FILTER_MAX_IPCONFIG_ENTRIES];
+    ULONG m_nGW;
+    ULONG RouterAddr[FILTER_MAX_IPCONFIG_ENTRIES];
+    ULONG m_nDHCP;
+    ULONG DhcpServer[FILTER_MAX_IPCONFIG_ENTRIES];
+    ULONG m_nDNS;
+    ULONG DnsServer[FILTER_MAX_IPCONFIG_ENTRIES];
+    ULONG WinsServer1;
+    ULONG WinsServer2;
+} IPConfig, *PIPConfig;
+#pragma pack(pop)
+
+NDISFILTER_LAYOUT(sizeof(IPConfig) == 228);
+NDISFILTER_LAYOUT(FIELD_OFFSET(IPConfig, m_nGW) == 112);
+NDISFILTER_LAYOUT(FIELD_OFFSET(IPConfig, WinsServer2) == 224);
+
+/*
+ * The hook driver's record of one adapter; an adapter handle is its address.
+ * The hook driver allocates, fills and frees it (and may keep fields of its
+ * own behind these); the framework stamps m_Tag and writes only the settable
+ * fields.
+ */
+struct _FilterAdapter {
+    ULONG m_Tag; /* FILTER_ADAPTER_TAG once the framework has seen the adapter */
+    UCHAR m_CurrentAddress[6];
+    UCHAR m_PermanentAddress[6];
+    USHORT m_usMTU;
+    ULONG m_nAdapterMedium;     /* NDIS_MEDIUM */
+    ULONG m_nAdapterMediaState; /* as the hook driver keeps it */
+    UCHAR m_HookReserved1;
+    BOOLEAN m_bNdisWanAdapter;
+    UCHAR m_PPPSrcMacAddress[6];
+    UCHAR m_PPPDstMacAddress[6];
+    UNICODE_STRING m_AdapterName;
+    ULONG64 m_HookReserved2;
+    PVOID m_pUpperEthrLog;  /* capture log of sent frames */
+    PVOID m_pLowerEthrLog;  /* capture log of received frames */
+    PVOID m_pInjectEthrLog; /* capture log of injected frames */
+    BOOLEAN m_bPacketDump;
+    ULONG_PTR m_pAdapterContext[16];
+    IPConfig m_IPConfig;
+    UCHAR m_HookReserved3[12];
+    BOOLEAN m_bCongestionControl;
+};
+
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterAdapter, m_nAdapterMedium) == 20);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterAdapter, m_bNdisWanAdapter) == 29);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterAdapter, m_AdapterName) == 48);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterAdapter, m_pUpperEthrLog) == 72);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterAdapter, m_bPacketDump) == 96);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterAdapter, m_pAdapterContext) == 104);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterAdapter, m_IPConfig) == 232);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterAdapter, m_bCongestionControl) == 472);
+
+/* Where a packet is heading. */
+#define FILTER_DIRECTION_TO_PROTOCOL    1
+#define FILTER_DIRECTION_TO_ADAPTER     2
+#define FILTER_DIRECTION_TO_APPLICATION 3
+
+#define FILTER_PACKET_DATA_SIZE 1648
+
+typedef VOID (NTAPI *PFILTER_PACKET_RELEASE)(PFilterPacket Packet, PVOID Context);
+
+/*
+ * The packet object: allocated and freed by the hook driver, which fills in
+ * the NDIS packet the frame came in and as much of the frame as it has at
+ * hand (m_nBytesRead bytes of m_Data). Fields marked as the hook driver's own
+ * are never touched by the framework.
+ */
+struct _FilterPacket {
+    UCHAR m_HookPrivate1[104];
+    LIST_ENTRY m_InjectLink; /* link in an injected-packet queue */
+    UCHAR m_HookPrivate2[52];
+    UCHAR m_nProtocol; /* IP protocol number found by the last parse */
+    PUCHAR m_pEthernet;
+    PUCHAR m_pArp;
+    PUCHAR m_pIp;
+    PUCHAR m_pTcp;
+    PUCHAR m_pUdp;
+    PUCHAR m_pIcmp;
+    PUCHAR m_pDhcp;
+    PUCHAR m_pDns;
+    ULONG_PTR m_InjectOrigin; /* 0 hook packet, 1 from the application, 0x80000000|method from a filter */
+    ULONG_PTR m_InjectReserved;
+    struct _PacketFilter *m_hInjectFilter;
+    PFILTER_PACKET_RELEASE m_pfReleaseCallback; /* called by the hook driver when it frees the packet */
+    ULONG64 m_HookPrivate3;
+    PVOID m_pReleaseContext;
+    UCHAR m_HookPrivate4[336];
+    struct _NDIS_PACKET *m_pOutgoingNdisPacket; /* handed down by a protocol */
+    UCHAR m_HookPrivate5[16];
+    ULONG64 m_HookPrivate6;
+    struct _NDIS_PACKET *m_pIncomingNdisPacket; /* indicated by the adapter */
+    ULONG64 m_HookPrivate7;
+    BOOLEAN m_bDirty;    /* m_Data is the authoritative copy of the frame */
+    ULONG m_nBytesRead;  /* frame bytes present in m_Data */
+    PFilterAdapter m_hAdapter;
+    ULONG m_nDirection;  /* FILTER_DIRECTION_* */
+    ULONG m_nPacketSize; /* length of the whole frame */
+    ULONG m_dwCarried[2]; /* carried to and from the shared block ring */
+    ULONG m_nIndicateCode;
+    ULONG64 m_nIndicateValue;
+    UCHAR m_ApplicationData[128];
+    UCHAR m_Data[FILTER_PACKET_DATA_SIZE];
+};
+
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_InjectLink) == 104);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_nProtocol) == 172);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_pEthernet) == 176);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_pDns) == 232);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_InjectOrigin) == 240);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_hInjectFilter) == 256);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_pfReleaseCallback) == 264);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_pReleaseContext) == 280);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_pOutgoingNdisPacket) == 624);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_pIncomingNdisPacket) == 656);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_bDirty) == 672);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_nBytesRead) == 676);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_hAdapter) == 680);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_nDirection) == 688);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_nIndicateCode) == 704);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_nIndicateValue) == 712);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_ApplicationData) == 720);
+NDISFILTER_LAYOUT(FIELD_OFFSET(FilterPacket, m_Data) == 848);
+NDISFILTER_LAYOUT(sizeof(FilterPacket) == 2496);
 
 #define NDIS_HOOK_MAJOR_VERSION 1
 #define NDIS_HOOK_MINOR_VERSION 0
@@ -232,7 +380,7 @@ typedef NTSTATUS (NTAPI *PHOOK_HANDLE_IO_CONTROL)(ULONG IoControlCode, PVOID Inp
                                                   ULONG OutputLength, PULONG BytesReturned);
 typedef PFilterPacket (NTAPI *PHOOK_ALLOCATE_PACKET)(PFilterAdapter Adapter, PCSTR File, ULONG Line);
 typedef VOID (NTAPI *PHOOK_FREE_PACKET)(PFilterPacket Packet, PCSTR File, ULONG Line);
-typedef NDIS_STATUS (NTAPI *PHOOK_INJECT_PACKET)(PFilterPacket Packet);
+typedef NDIS_STATUS (NTAPI *PHOOK_INJECT_PACKET)(PFilterAdapter Adapter, PFilterPacket Packet);
 typedef PVOID (NTAPI *PHOOK_ALLOCATE_REQUEST)(VOID);
 typedef NDIS_STATUS (NTAPI *PHOOK_MAKE_NDIS_REQUEST)(PFilterAdapter Adapter, PVOID Request, PVOID Argument);
 typedef VOID (NTAPI *PHOOK_FREE_REQUEST)(PVOID Request);
