@@ -1,9 +1,15 @@
 /*
  * ndisfilter-adapter.cpp - the adapters the hook driver reports: the adapter
- * identifier table and the hook's adapter callbacks.
+ * table, adapter identifiers, lookups, enumeration, the hook's three adapter
+ * callbacks and the delivery of adapter events to the event handlers.
+ *
+ * The framework opens no adapter itself. The hook driver owns a FilterAdapter
+ * record per adapter (an adapter handle is its address) and rewrites the
+ * adapter table in place whenever the framework asks it to.
  */
 #include "precomp.h"
 #include "ndisfilter-global.h"
+#include "ndisfilter-records.h"
 
 /* Identifiers by which user mode names adapters; entries are never removed. */
 struct AdapterIdEntry {
@@ -28,38 +34,306 @@ VOID NdisFilter_InitializeAdapterIds(VOID)
     AdapterIdTable.m_dwNextId = 1;
 }
 
+namespace {
+
 /*
- * The hook driver's adapter callbacks. Adapters are reported here once the
- * hook driver has bound; until the adapter table tracks them the callbacks
- * only trace. IRQL <= DISPATCH_LEVEL.
+ * Has the hook driver rewrite the adapter table in place. Takes no lock:
+ * readers holding m_AdapterListLock may see a refresh half done.
+ */
+VOID RefreshAdapterTable(VOID)
+{
+    if (!NF_HOOK_ACTIVE(Hook_GetTcpIpBoundAdapters))
+        return;
+    g_pGlobal->m_AdapterList.m_nAdapterCount = 0;
+    g_pGlobal->m_NdisHookAPI.Hook_GetTcpIpBoundAdapters(&g_pGlobal->m_AdapterList);
+}
+
+/* The number of valid table entries, never more than the table holds. */
+ULONG AdapterCount(VOID)
+{
+    ULONG count = g_pGlobal->m_AdapterList.m_nAdapterCount;
+    return count < FILTER_MAX_ADAPTERS ? count : FILTER_MAX_ADAPTERS;
+}
+
+/*
+ * Calls every adapter event handler, in registration order, for one adapter.
+ * The caller holds m_EventHandlerLock (DISPATCH_LEVEL). A handler that faults
+ * is reported under `CallerName` and the walk goes on.
+ */
+VOID CallEventHandlers(PCSTR CallerName, ULONG Event, PFilterAdapter Adapter)
+{
+    PLIST_ENTRY head = &g_pGlobal->m_EventHandlerList;
+    for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
+        PEventHandler handler = CONTAINING_RECORD(link, EventHandler, m_ListEntry);
+        LONG code = FilterGuard([&] {
+            handler->m_pfEventProc(handler->m_hFilterDriver, handler->m_pDriverContext, Event,
+                                   handler->m_pEventContext, Adapter);
+        });
+        if (code != 0)
+            NF_PRINT("%s: exception, code = %d\n", CallerName, (int)code);
+    }
+}
+
+/* Delivers one adapter event to every handler under the handler list's spin lock. */
+VOID DeliverAdapterEvent(PCSTR CallerName, ULONG Event, PFilterAdapter Adapter)
+{
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&g_pGlobal->m_EventHandlerLock);
+    CallEventHandlers(CallerName, Event, Adapter);
+    KeReleaseSpinLock(&g_pGlobal->m_EventHandlerLock, irql);
+}
+
+} // namespace
+
+/*
+ * NdisFilter_AdapterOpened - the hook driver opened an adapter: stamp its tag,
+ * refresh the table and tell the event handlers. IRQL <= DISPATCH_LEVEL.
  */
 EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterOpened(PFilterAdapter Adapter)
 {
-    UNREFERENCED_PARAMETER(Adapter);
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_AdapterOpened\n");
+    if (Adapter != NULL) {
+        NF_TRACE(NF_DBG_HOOK_PACKET, "AdapterName=%ws\n", Adapter->m_AdapterName.Buffer);
+        Adapter->m_Tag = FILTER_ADAPTER_TAG;
+        RefreshAdapterTable();
+        DeliverAdapterEvent("NdisFilter_AdapterOpened", FILTER_EVENT_ADAPTER_OPENED, Adapter);
+    }
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_AdapterOpened\n");
     return STATUS_SUCCESS;
 }
 
+/*
+ * NdisFilter_AdapterStatusChanged - media connect and disconnect become
+ * adapter events; any other status is printed and dropped. The table is not
+ * refreshed. IRQL <= DISPATCH_LEVEL.
+ */
 EXTERN_C VOID NTAPI NdisFilter_AdapterStatusChanged(PFilterAdapter Adapter, NDIS_STATUS Status)
 {
-    UNREFERENCED_PARAMETER(Adapter);
-    UNREFERENCED_PARAMETER(Status);
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_AdapterStatusChanged\n");
+    if (Adapter != NULL) {
+        NF_TRACE(NF_DBG_HOOK_PACKET, "AdapterName=%ws\n", Adapter->m_AdapterName.Buffer);
+        if (Status == NDIS_STATUS_MEDIA_CONNECT)
+            DeliverAdapterEvent("NdisFilter_AdapterStatusChanged", FILTER_EVENT_MEDIA_CONNECT, Adapter);
+        else if (Status == NDIS_STATUS_MEDIA_DISCONNECT)
+            DeliverAdapterEvent("NdisFilter_AdapterStatusChanged", FILTER_EVENT_MEDIA_DISCONNECT, Adapter);
+        else
+            NF_PRINT("Unknown adapter status 0x%x\n", (unsigned)Status);
+    }
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_AdapterStatusChanged\n");
 }
 
+/*
+ * NdisFilter_AdapterClosed - the hook driver closed an adapter. Its tag and
+ * identifier stay; clients learn of the close from the event and must drop
+ * the handle. IRQL <= DISPATCH_LEVEL.
+ */
 EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterClosed(PFilterAdapter Adapter)
 {
-    UNREFERENCED_PARAMETER(Adapter);
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_AdapterClosed\n");
+    if (Adapter != NULL) {
+        NF_TRACE(NF_DBG_HOOK_PACKET, "AdapterName=%ws\n", Adapter->m_AdapterName.Buffer);
+        /* Capture logs of a closed adapter end with it (upper, lower, inject). */
+        Adapter->m_pUpperEthrLog = NULL;
+        Adapter->m_pLowerEthrLog = NULL;
+        Adapter->m_pInjectEthrLog = NULL;
+        RefreshAdapterTable();
+        DeliverAdapterEvent("NdisFilter_AdapterClosed", FILTER_EVENT_ADAPTER_CLOSED, Adapter);
+    }
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_AdapterClosed\n");
     return STATUS_SUCCESS;
 }
 
-/* Asks the newly bound hook driver for the adapters it already has open. */
+/*
+ * NdisFilter_EnumOpenedAdapter - refreshes the table and reports every adapter
+ * in it as opened, so handlers learn of adapters that existed before they
+ * did. Run right after the hook driver binds, and for clients.
+ */
 VOID NdisFilter_EnumOpenedAdapter(VOID)
 {
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_EnumOpenedAdapter\n");
+    RefreshAdapterTable();
+    ULONG count = AdapterCount();
+    if (count != 0) {
+        KIRQL irql = KeAcquireSpinLockRaiseToDpc(&g_pGlobal->m_EventHandlerLock);
+        for (ULONG i = 0; i < count; i++) {
+            PFilterAdapter adapter = g_pGlobal->m_AdapterList.m_Adapters[i].m_hAdapter;
+            LONG code = FilterGuard([&] { adapter->m_Tag = FILTER_ADAPTER_TAG; });
+            if (code != 0) {
+                NF_PRINT("NdisFilter_AdapterOpened: exception, code = %d\n", (int)code);
+                continue;
+            }
+            CallEventHandlers("NdisFilter_AdapterOpened", FILTER_EVENT_ADAPTER_OPENED, adapter);
+        }
+        KeReleaseSpinLock(&g_pGlobal->m_EventHandlerLock, irql);
+    }
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_EnumOpenedAdapter\n");
+}
+
+EXTERN_C VOID NTAPI Filter_EnumOpenedAdapter(VOID)
+{
+    NdisFilter_EnumOpenedAdapter();
+}
+
+/*
+ * Filter_IsValidAdapter - TRUE when the handle's tag shows an adapter the
+ * framework has seen (also after it closed). Any IRQL.
+ */
+EXTERN_C BOOLEAN NTAPI Filter_IsValidAdapter(PFilterAdapter Adapter)
+{
+    return NdisFilter_CheckHandle("Filter_IsValidAdapter", Adapter, FIELD_OFFSET(FilterAdapter, m_Tag),
+                                  FILTER_ADAPTER_TAG);
+}
+
+/*
+ * Filter_AdapterToId - the identifier of an adapter handle, issuing the next
+ * one the first time a handle is asked for. Nothing is validated: any handle
+ * gets an identifier while the table has room. IRQL <= DISPATCH_LEVEL.
+ */
+EXTERN_C FILTER_STATUS NTAPI Filter_AdapterToId(PFilterAdapter Adapter, PULONG Id)
+{
+    for (ULONG i = 0; i < AdapterIdTable.m_nCount; i++) {
+        if (AdapterIdTable.m_Entries[i].m_hAdapter == Adapter) {
+            *Id = AdapterIdTable.m_Entries[i].m_dwId;
+            return FILTER_STATUS_SUCCESS;
+        }
+    }
+    if (AdapterIdTable.m_nCount >= FILTER_MAX_ADAPTERS)
+        return FILTER_ERROR_INTERNAL_ERROR;
+
+    NfWriteLock lock(&AdapterIdTable.m_AdapterIdLock);
+    /* A second caller may have added the handle (or filled the table) meanwhile. */
+    for (ULONG i = 0; i < AdapterIdTable.m_nCount; i++) {
+        if (AdapterIdTable.m_Entries[i].m_hAdapter == Adapter) {
+            *Id = AdapterIdTable.m_Entries[i].m_dwId;
+            return FILTER_STATUS_SUCCESS;
+        }
+    }
+    if (AdapterIdTable.m_nCount >= FILTER_MAX_ADAPTERS)
+        return FILTER_ERROR_INTERNAL_ERROR;
+    AdapterIdEntry *entry = &AdapterIdTable.m_Entries[AdapterIdTable.m_nCount];
+    entry->m_hAdapter = Adapter;
+    entry->m_dwId = AdapterIdTable.m_dwNextId++;
+    *Id = entry->m_dwId;
+    InterlockedIncrement((volatile LONG *)&AdapterIdTable.m_nCount);
+    return FILTER_STATUS_SUCCESS;
+}
+
+/* Filter_IdToAdapter - the handle an identifier was issued for. IRQL <= DISPATCH_LEVEL. */
+EXTERN_C FILTER_STATUS NTAPI Filter_IdToAdapter(ULONG Id, PFilterAdapter *Adapter)
+{
+    NfReadLock lock(&AdapterIdTable.m_AdapterIdLock);
+    for (ULONG i = 0; i < AdapterIdTable.m_nCount; i++) {
+        if (AdapterIdTable.m_Entries[i].m_dwId == Id) {
+            *Adapter = AdapterIdTable.m_Entries[i].m_hAdapter;
+            return FILTER_STATUS_SUCCESS;
+        }
+    }
+    return FILTER_ERROR_INVALID_ARGUMENT;
+}
+
+/* Filter_GetFirstAdapter - the first adapter of the table, or NULL. */
+EXTERN_C PFilterAdapter NTAPI Filter_GetFirstAdapter(VOID)
+{
+    return AdapterCount() == 0 ? NULL : g_pGlobal->m_AdapterList.m_Adapters[0].m_hAdapter;
+}
+
+/*
+ * Filter_EnumAdapter - calls EnumProc(Context, adapter) for each adapter in
+ * table order until it answers FALSE. The procedure runs with the table
+ * read-locked (DISPATCH_LEVEL).
+ */
+EXTERN_C FILTER_STATUS NTAPI Filter_EnumAdapter(PFilterDriver FilterDriver, PFILTER_ENUM_ADAPTER_PROC EnumProc,
+                                                PVOID Context)
+{
+    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+    NfStatusTrace trace(NF_DBG_ADAPTER, "Filter_EnumAdapter", status);
+
+    if (FilterDriver == NULL || EnumProc == NULL) {
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+    } else if (!Filter_IsValidDriver(FilterDriver)) {
+        status = FILTER_ERROR_INVALID_DRIVER_HANDLE;
+    } else {
+        NfReadLock lock(&g_pGlobal->m_AdapterListLock);
+        LONG code = FilterGuard([&] {
+            ULONG count = AdapterCount();
+            for (ULONG i = 0; i < count; i++)
+                if (!EnumProc(Context, g_pGlobal->m_AdapterList.m_Adapters[i].m_hAdapter))
+                    break;
+        });
+        if (code != 0) {
+            NF_PRINT_EXCEPTION("Filter_EnumAdapter", code);
+            status = FILTER_ERROR_EXCEPTION;
+        }
+    }
+    return status;
+}
+
+/*
+ * Filter_FindAdapterByMacAddress - the first adapter in table order whose
+ * current address (not the permanent one) is the given MAC.
+ */
+EXTERN_C FILTER_STATUS NTAPI Filter_FindAdapterByMacAddress(const UCHAR *MacAddress, PFilterAdapter *Adapter)
+{
+    FILTER_STATUS status = FILTER_ERROR_ADAPTER_NOT_FOUND;
+    NfStatusTrace trace(NF_DBG_ADAPTER, "Filter_FindAdapterByMacAddress", status);
+
+    if (MacAddress == NULL || Adapter == NULL) {
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+        return status;
+    }
+    NfReadLock lock(&g_pGlobal->m_AdapterListLock);
+    LONG code = FilterGuard([&] {
+        ULONG count = AdapterCount();
+        for (ULONG i = 0; i < count; i++) {
+            const AdapterInfo *info = &g_pGlobal->m_AdapterList.m_Adapters[i];
+            if (RtlEqualMemory(info->m_CurrentAddress, MacAddress, 6)) {
+                *Adapter = info->m_hAdapter;
+                status = FILTER_STATUS_SUCCESS;
+                return;
+            }
+        }
+    });
+    if (code != 0) {
+        NF_PRINT_EXCEPTION("Filter_FindAdapterByMacAddress", code);
+        status = FILTER_ERROR_EXCEPTION;
+    }
+    return status;
+}
+
+/*
+ * Filter_FindAdapterByNetCfgInstanceId - the first adapter in table order
+ * whose name begins with the given instance id (case-sensitive prefix).
+ */
+EXTERN_C FILTER_STATUS NTAPI Filter_FindAdapterByNetCfgInstanceId(PCSTR InstanceId, PFilterAdapter *Adapter)
+{
+    FILTER_STATUS status = FILTER_ERROR_ADAPTER_NOT_FOUND;
+    NfStatusTrace trace(NF_DBG_ADAPTER, "Filter_FindAdapterByNetCfgInstanceId", status);
+
+    if (InstanceId == NULL || Adapter == NULL || InstanceId[0] == '\0') {
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+        return status;
+    }
+    NfReadLock lock(&g_pGlobal->m_AdapterListLock);
+    LONG code = FilterGuard([&] {
+        ULONG length = 0;
+        while (InstanceId[length] != '\0')
+            length++;
+        /* A name holds at most 255 characters before its terminator. */
+        if (length >= sizeof(((AdapterInfo *)0)->m_szAdapterName))
+            return;
+        ULONG count = AdapterCount();
+        for (ULONG i = 0; i < count; i++) {
+            const AdapterInfo *info = &g_pGlobal->m_AdapterList.m_Adapters[i];
+            if (RtlEqualMemory(info->m_szAdapterName, InstanceId, length)) {
+                NF_TRACE(NF_DBG_ADAPTER, "Find Filter_FindAdapterByNetCfgInstanceId\n");
+                *Adapter = info->m_hAdapter;
+                status = FILTER_STATUS_SUCCESS;
+                return;
+            }
+        }
+    });
+    if (code != 0) {
+        NF_PRINT_EXCEPTION("Filter_FindAdapterByNetCfgInstanceId", code);
+        status = FILTER_ERROR_EXCEPTION;
+    }
+    return status;
 }

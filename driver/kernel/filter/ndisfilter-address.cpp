@@ -17,6 +17,10 @@ EXTERN_C ULONG NTAPI htonl(ULONG Value)
     return (Value << 24) | ((Value & 0xFF00u) << 8) | ((Value >> 8) & 0xFF00u) | (Value >> 24);
 }
 
+/* One routine under two names each: network and host order differ the same way both ways. */
+EXTERN_C USHORT NTAPI ntohs(USHORT Value) __attribute__((alias("htons")));
+EXTERN_C ULONG NTAPI ntohl(ULONG Value) __attribute__((alias("htonl")));
+
 namespace {
 
 /* Writes `value` in decimal without leading zeros; returns the position behind it. */

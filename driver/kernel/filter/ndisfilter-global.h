@@ -138,6 +138,9 @@ VOID NdisFilter_WorkerThreadLeave(VOID);
 VOID NdisFilter_InitializeAdapterIds(VOID);
 VOID NdisFilter_EnumOpenedAdapter(VOID);
 
+/* ---- timers (ndisfilter-timer.cpp) ---- */
+VOID NdisFilter_RemoveDriverTimers(struct _FilterDriver *Driver);
+
 /* ---- hook callbacks handed to the hook driver ---- */
 EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterOpened(PFilterAdapter Adapter);
 EXTERN_C VOID NTAPI NdisFilter_AdapterStatusChanged(PFilterAdapter Adapter, NDIS_STATUS Status);

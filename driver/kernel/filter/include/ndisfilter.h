@@ -208,13 +208,34 @@ NDISFILTER_API FILTER_STATUS NTAPI Filter_ReportEventEx(ULONG Value1, ULONG Valu
                                                         PVOID Data);
 
 /* ------------------------------------------------------------------------
+ * Byte order, address text and name comparison. Any IRQL.
+ * ------------------------------------------------------------------------ */
+
+NDISFILTER_API USHORT NTAPI htons(USHORT Value);
+NDISFILTER_API USHORT NTAPI ntohs(USHORT Value); /* the same routine as htons */
+NDISFILTER_API ULONG NTAPI htonl(ULONG Value);
+NDISFILTER_API ULONG NTAPI ntohl(ULONG Value); /* the same routine as htonl */
+/* Address as it lies in a packet; Buffer of at least 16 bytes, else "" is returned. */
+NDISFILTER_API PCHAR NTAPI inet_ntoa(ULONG Address, PCHAR Buffer, ULONG BufferSize);
+/* 00-1A-2B-3C-4D-5E into a buffer of 18 bytes. */
+NDISFILTER_API PCHAR NTAPI inet_mtoa(const UCHAR *MacAddress, PCHAR Buffer, ULONG BufferSize);
+NDISFILTER_API ULONG NTAPI SubnetBroadcastAddress(ULONG Address, ULONG Mask);
+NDISFILTER_API BOOLEAN NTAPI IsBroadcastAddress(ULONG Address);
+/* 0 when equal; otherwise 1 (A longer or different) or -1 (A shorter or a NULL). Not an ordering. */
+NDISFILTER_API LONG NTAPI Filter_CompareString(const STRING *A, const STRING *B);
+
+/* ------------------------------------------------------------------------
  * Records shared with the NDIS hook driver.
  * ------------------------------------------------------------------------ */
 
 typedef struct _FilterAdapter FilterAdapter, *PFilterAdapter;
 typedef struct _FilterPacket FilterPacket, *PFilterPacket;
 typedef struct _MappedMemory MappedMemory, *PMappedMemory;
-struct _PacketFilter;
+
+/* Handles of the framework's own records; their contents are the framework's. */
+typedef struct _FilterDriver FilterDriver, *PFilterDriver;
+typedef struct _PacketFilter PacketFilter, *PPacketFilter;
+typedef struct _EventHandler EventHandler, *PEventHandler;
 
 /* Adapter events delivered to the adapter event handlers. */
 #define FILTER_EVENT_ADAPTER_OPENED    0
@@ -291,6 +312,72 @@ NDISFILTER_LAYOUT(FIELD_OFFSET(FilterAdapter, m_pAdapterContext) == 104);
 NDISFILTER_LAYOUT(FIELD_OFFSET(FilterAdapter, m_IPConfig) == 232);
 NDISFILTER_LAYOUT(FIELD_OFFSET(FilterAdapter, m_bCongestionControl) == 472);
 
+/* Called by Filter_EnumAdapter for each adapter; FALSE stops the walk. */
+typedef BOOLEAN (NTAPI *PFILTER_ENUM_ADAPTER_PROC)(PVOID Context, PFilterAdapter Adapter);
+
+/* An adapter event handler: runs at DISPATCH_LEVEL with the handler list locked. */
+typedef VOID (NTAPI *PFILTER_EVENT_PROC)(PFilterDriver FilterDriver, PVOID DriverContext, ULONG Event,
+                                         PVOID EventContext, PFilterAdapter Adapter);
+
+NDISFILTER_API BOOLEAN NTAPI Filter_IsValidAdapter(PFilterAdapter Adapter);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_AdapterToId(PFilterAdapter Adapter, PULONG Id);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_IdToAdapter(ULONG Id, PFilterAdapter *Adapter);
+NDISFILTER_API PFilterAdapter NTAPI Filter_GetFirstAdapter(VOID);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_EnumAdapter(PFilterDriver FilterDriver, PFILTER_ENUM_ADAPTER_PROC EnumProc,
+                                                      PVOID Context);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_FindAdapterByMacAddress(const UCHAR *MacAddress, PFilterAdapter *Adapter);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_FindAdapterByNetCfgInstanceId(PCSTR InstanceId, PFilterAdapter *Adapter);
+NDISFILTER_API VOID NTAPI Filter_EnumOpenedAdapter(VOID);
+
+/* ------------------------------------------------------------------------
+ * Filter drivers and packet filters.
+ * ------------------------------------------------------------------------ */
+
+#define FILTER_API_MAJOR_VERSION 1
+#define FILTER_API_MINOR_VERSION 0
+
+/* A packet filter's verdict on one packet (see FILTER_RESULT). */
+typedef FILTER_RESULT (NTAPI *PFILTER_PROC)(PFilterDriver FilterDriver, PVOID DriverContext, PPacketFilter Filter,
+                                            PVOID FilterContext, PFilterPacket Packet);
+/* Called by Filter_EnumFilter for each matching filter; the result is ignored. */
+typedef BOOLEAN (NTAPI *PFILTER_ENUM_FILTER_PROC)(PVOID Context, PPacketFilter Filter);
+
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetAPIVersion(PULONG Major, PULONG Minor);
+/*
+ * Registers a client driver under a unique (case-sensitive) name. When memory
+ * is short it answers success without writing *FilterDriver: set it to NULL
+ * before the call and test it afterwards.
+ */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_RegisterDriver(PSTRING DriverName, PVOID DriverContext, ULONG Major,
+                                                         ULONG Minor, PFilterDriver *FilterDriver);
+NDISFILTER_API BOOLEAN NTAPI Filter_IsValidDriver(PFilterDriver FilterDriver);
+/* A copy of the name in a block the caller frees with Filter_FreeMemory. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetDriverName(PFilterDriver FilterDriver, PSTRING *DriverName);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetDriverContext(PFilterDriver FilterDriver, PVOID *DriverContext);
+/* Removes the driver with its timers, event handler, packet filters, interfaces and IOCTL handler. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_DeregisterDriver(PFilterDriver FilterDriver);
+
+/*
+ * Places a filter in the chain of its type, sorted by Order taken as an
+ * unsigned number (FIRST 0 < fixed positions < NEXT < LAST); among equal
+ * orders the newest comes first. Names are unique within one chain. When
+ * memory is short it answers success without writing *Filter.
+ */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_RegisterFilter(PFilterDriver FilterDriver, PSTRING FilterName,
+                                                         PFILTER_PROC FilterProc, PVOID FilterContext,
+                                                         FILTER_TYPE Type, FILTER_ORDER Order, PPacketFilter *Filter);
+NDISFILTER_API BOOLEAN NTAPI Filter_IsValidFilter(PPacketFilter Filter);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_DeregisterFilter(PFilterDriver FilterDriver, PPacketFilter Filter);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetFilterName(PPacketFilter Filter, PSTRING *FilterName);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetFilterContext(PPacketFilter Filter, PVOID *FilterContext);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetFilterType(PPacketFilter Filter, FILTER_TYPE *Type);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetFilterOrder(PPacketFilter Filter, FILTER_ORDER *Order);
+/* Calls EnumProc for the driver's filters in chain `Type` whose type has a bit in common with `Type`. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_EnumFilter(PFilterDriver FilterDriver, PFILTER_ENUM_FILTER_PROC EnumProc,
+                                                     PVOID Context, FILTER_TYPE Type);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_DumpFilter(FILTER_TYPE Type);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_ShowFilter(PPacketFilter Filter, LONG Position);
+
 /* Where a packet is heading. */
 #define FILTER_DIRECTION_TO_PROTOCOL    1
 #define FILTER_DIRECTION_TO_ADAPTER     2
@@ -321,7 +408,7 @@ struct _FilterPacket {
     PUCHAR m_pDns;
     ULONG_PTR m_InjectOrigin; /* 0 hook packet, 1 from the application, 0x80000000|method from a filter */
     ULONG_PTR m_InjectReserved;
-    struct _PacketFilter *m_hInjectFilter;
+    PPacketFilter m_hInjectFilter;
     PFILTER_PACKET_RELEASE m_pfReleaseCallback; /* called by the hook driver when it frees the packet */
     ULONG64 m_HookPrivate3;
     PVOID m_pReleaseContext;

@@ -1,0 +1,112 @@
+/*
+ * ndisfilter-records.h - the records behind the handles of the exported API.
+ *
+ * Every record comes from Filter_AllocateMemory, begins with its list link
+ * (so teardown can free a list without knowing the record) and carries a tag
+ * that its Filter_IsValid* check compares inside a fault guard.
+ */
+#pragma once
+
+/* A registered client driver. Its name's characters follow the record in the same block. */
+struct _FilterDriver {
+    LIST_ENTRY m_ListEntry;
+    ULONG m_Tag; /* FILTER_DRIVER_TAG */
+    STRING m_DriverName;
+    PVOID m_pDriverContext;
+};
+
+/* A packet filter in one of the four chains. Its name's characters follow the record. */
+struct _PacketFilter {
+    LIST_ENTRY m_ListEntry;
+    ULONG m_Tag; /* FILTER_PACKET_FILTER_TAG */
+    STRING m_FilterName;
+    PFilterDriver m_hFilterDriver;
+    PVOID m_pDriverContext;
+    PFILTER_PROC m_pfFilterProc;
+    PVOID m_pFilterContext;
+    FILTER_TYPE m_FilterType;
+    ULONG m_FilterOrder;
+    volatile LONG m_PacketProcess;
+    volatile LONG m_PacketBypass;
+    volatile LONG m_PacketDiscard;
+    volatile LONG m_PacketConsume;
+    volatile LONG m_PacketCapture;
+};
+
+/* An adapter event handler; at most one per filter driver. */
+struct _EventHandler {
+    LIST_ENTRY m_ListEntry;
+    ULONG m_Tag; /* FILTER_EVENT_HANDLER_TAG */
+    PFilterDriver m_hFilterDriver;
+    PVOID m_pDriverContext;
+    PFILTER_EVENT_PROC m_pfEventProc;
+    PVOID m_pEventContext;
+};
+
+/* A handler of user-mode control requests; at most one per filter driver. */
+typedef NTSTATUS (NTAPI *PFILTER_IOCTL_PROC)(PVOID Context, PIRP Irp, ULONG IoControlCode, PVOID InputBuffer,
+                                            ULONG InputLength, PVOID OutputBuffer, ULONG OutputLength,
+                                            PULONG_PTR BytesReturned);
+
+struct IoCtrlHandler {
+    LIST_ENTRY m_ListEntry;
+    ULONG m_Tag; /* FILTER_IOCTL_HANDLER_TAG */
+    PFilterDriver m_hFilterDriver;
+    PFILTER_IOCTL_PROC m_pfIoCtrlProc;
+    PVOID m_pIoCtrlContext;
+};
+
+/* A named interface published by one client driver; its name and block copy follow the record. */
+struct FilterInterface {
+    LIST_ENTRY m_ListEntry;
+    ULONG m_Tag; /* FILTER_INTERFACE_TAG */
+    STRING m_InterfaceName;
+    PFilterDriver m_hFilterDriver;
+    BOOLEAN m_bActive;
+    BOOLEAN m_bDeregistering;
+    PVOID m_pInterface;
+    NDIS_RW_LOCK m_Lock; /* guards m_ReferenceList */
+    LIST_ENTRY m_ReferenceList;
+};
+
+/* A reference to an interface held by the driver that queried it; the caller holds m_Interface's address. */
+struct FilterInterfaceReference {
+    LIST_ENTRY m_ListEntry;
+    ULONG m_Tag; /* FILTER_INTERFACE_REF_TAG */
+    PFilterDriver m_hFilterDriver;
+    FilterInterface *m_pFilterInterface;
+    BOOLEAN m_bValid;
+    /* the copy of the interface block follows */
+};
+
+/*
+ * Unlinks and frees every record of `Head` whose owner is `Driver`, calling
+ * `BeforeFree(record)` first. The caller holds the list's lock.
+ */
+template <typename Record, typename BeforeFree>
+VOID NdisFilter_RemoveOwnedRecords(PLIST_ENTRY Head, PFilterDriver Record::*Owner, PFilterDriver Driver,
+                                   BeforeFree &&beforeFree)
+{
+    PLIST_ENTRY link = Head->Flink;
+    while (link != Head) {
+        PLIST_ENTRY next = link->Flink;
+        Record *record = CONTAINING_RECORD(link, Record, m_ListEntry);
+        if (record->*Owner == Driver) {
+            RemoveEntryList(link);
+            beforeFree(record);
+            Filter_FreeMemory(record);
+        }
+        link = next;
+    }
+}
+
+/* Prints "<function>: Invalid Handle 0x<handle>, bad tag 0x<tag>" whatever the mask says. */
+#define NF_PRINT_INVALID_HANDLE(name, handle, tag) \
+    NF_PRINT(name ": Invalid Handle 0x%p, bad tag 0x%x\n", (PVOID)(handle), (unsigned)(tag))
+
+/*
+ * The common handle check: TRUE when `Handle` is not NULL and the 32-bit tag
+ * at `TagOffset` inside it reads `Tag`. The read is guarded; a bad handle or
+ * a fault is printed under `Name` whatever the mask says.
+ */
+BOOLEAN NdisFilter_CheckHandle(PCSTR Name, PVOID Handle, ULONG TagOffset, ULONG Tag);
