@@ -37,6 +37,29 @@ bool NoPendingWorkItems(PDRIVER_OBJECT driver)
     return DriverStateOf(driver)->pendingWorkItems.load() == 0;
 }
 
+// The number of running system threads whose start routine lies in the
+// driver's image: the threads that must be gone before its code is unmapped.
+ULONG ThreadsInImage(PDRIVER_OBJECT driver)
+{
+    Dl_info image;
+    if (driver->DriverInit == nullptr || dladdr(reinterpret_cast<void *>(driver->DriverInit), &image) == 0)
+        return HkSystemThreadCount();
+    HK_SYSTEM_THREAD_INFO threads[256];
+    ULONG running = HkQuerySystemThreads(threads, 256);
+    ULONG inImage = 0;
+    for (ULONG i = 0; i < running && i < 256; i++) {
+        Dl_info routine;
+        if (dladdr(threads[i].StartRoutine, &routine) != 0 && routine.dli_fbase == image.dli_fbase)
+            inImage++;
+    }
+    return inImage;
+}
+
+bool NoThreadsInImage(PDRIVER_OBJECT driver)
+{
+    return ThreadsInImage(driver) == 0;
+}
+
 // Reports and removes what a driver left behind, then frees its object.
 void Teardown(PDRIVER_OBJECT driver, const char *when)
 {
@@ -46,9 +69,9 @@ void Teardown(PDRIVER_OBJECT driver, const char *when)
     if (!WaitUntil(NoPendingWorkItems, driver, kTeardownWaitMs))
         VerifierError("driver %s %s: %ld work item(s) still queued or running", service, when,
                       state->pendingWorkItems.load());
-    if (!HkWaitForSystemThreads(kTeardownWaitMs)) {
-        VerifierError("driver %s %s: %u system thread(s) still running after %u ms", service,
-                      when, HkSystemThreadCount(), kTeardownWaitMs);
+    if (!WaitUntil(NoThreadsInImage, driver, kTeardownWaitMs)) {
+        VerifierError("driver %s %s: %u system thread(s) of its image still running after %u ms",
+                      service, when, ThreadsInImage(driver), kTeardownWaitMs);
         state->keepImage = true; // their code must stay mapped
     }
 
