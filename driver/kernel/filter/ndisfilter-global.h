@@ -165,7 +165,6 @@ EXTERN_C VOID NdisFilter_StopShare(PIRP Irp);
 EXTERN_C VOID NTAPI ShareMemoryThread(PVOID StartContext);
 
 /* ---- packets and injection (ndisfilter-packetapi.cpp) ---- */
-#define NF_PACKET_INJECT_LINK_OFFSET 104 /* m_InjectLink in FilterPacket */
 EXTERN_C VOID NTAPI InjectedPacketThread(PVOID StartContext);
 VOID NdisFilter_ReleaseQueuedPackets(VOID);
 

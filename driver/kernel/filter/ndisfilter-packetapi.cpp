@@ -10,13 +10,6 @@
 
 namespace {
 
-/* Gives a packet back to the hook driver that allocated it. */
-VOID ReturnPacketToHook(PFilterPacket Packet)
-{
-    if (NF_HOOK_ACTIVE(Hook_FreePacket))
-        g_pGlobal->m_NdisHookAPI.Hook_FreePacket(Packet, __FILE__, __LINE__);
-}
-
 /* TRUE when injection queue `queue` holds no packet. */
 BOOLEAN QueueIsEmpty(ULONG queue)
 {
@@ -34,14 +27,14 @@ BOOLEAN QueueIsEmpty(ULONG queue)
 EXTERN_C VOID NTAPI NdisFilter_FilterReceivedPacket(PFilterPacket Packet)
 {
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_FilterReceivedPacket\n");
-    ReturnPacketToHook(Packet);
+    Filter_ReleasePacket(Packet);
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_FilterReceivedPacket\n");
 }
 
 EXTERN_C VOID NTAPI NdisFilter_FilterSendPacket(PFilterPacket Packet)
 {
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_FilterSendPacket\n");
-    ReturnPacketToHook(Packet);
+    Filter_ReleasePacket(Packet);
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_FilterSendPacket\n");
 }
 
@@ -75,7 +68,7 @@ VOID NdisFilter_ReleaseQueuedPackets(VOID)
         while (!IsListEmpty(head)) {
             PLIST_ENTRY link = RemoveHeadList(head);
             InterlockedDecrement(&g_pGlobal->m_nInjectPacketCount);
-            ReturnPacketToHook((PFilterPacket)((PUCHAR)link - NF_PACKET_INJECT_LINK_OFFSET));
+            Filter_ReleasePacket(CONTAINING_RECORD(link, FilterPacket, m_InjectLink));
         }
     }
 }

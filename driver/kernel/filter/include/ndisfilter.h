@@ -526,6 +526,41 @@ NDISFILTER_LAYOUT(sizeof(AdapterInfo) == 286);
 #define FILTER_MAX_ADAPTERS 32
 
 /* ------------------------------------------------------------------------
+ * Packets: allocation and release through the hook driver, lazy reads,
+ * modification, header parsing, dumps, checksums and clones.
+ * ------------------------------------------------------------------------ */
+
+/* The caller's source file and line go to the hook driver's bookkeeping. */
+NDISFILTER_API PFilterPacket NTAPI Filter_AllocatePacketp(PFilterAdapter Adapter, PCSTR File, ULONG Line);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_ReleasePacketp(PFilterPacket Packet, PCSTR File, ULONG Line);
+#define Filter_AllocatePacket(Adapter) Filter_AllocatePacketp((Adapter), __FILE__, __LINE__)
+#define Filter_ReleasePacket(Packet) Filter_ReleasePacketp((Packet), __FILE__, __LINE__)
+
+/* Pulls the whole frame into m_Data from the packet's NDIS buffer chain. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_TransferPacketData(PFilterPacket Packet);
+/* Marks m_Data as the frame to deliver, reading the whole frame in first. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_ModifyPacket(PFilterPacket Packet);
+/* The callback runs when the hook driver frees the packet. */
+NDISFILTER_API VOID NTAPI Filter_SetPacketReleaseCallback(PFilterPacket Packet, PFILTER_PACKET_RELEASE Callback,
+                                                          PVOID Context);
+NDISFILTER_API VOID NTAPI Filter_ClearPacketReleaseCallback(PFilterPacket Packet);
+/* Locates the headers of the frame at Frame (NULL: the packet's own m_Data). */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_InitPacketHeader(PFilterPacket Packet, PUCHAR Frame);
+/* Prints the frame when its adapter's dump flag is on. */
+NDISFILTER_API VOID NTAPI Filter_DumpPacket(PCSTR Title, PFilterPacket Packet);
+
+#define FILTER_CHECKSUM_IP   0
+#define FILTER_CHECKSUM_ICMP 1
+#define FILTER_CHECKSUM_TCP  6
+#define FILTER_CHECKSUM_UDP  17
+/* Recomputes one checksum in place: the IP header's, or the ICMP, TCP or UDP one behind it. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_CalculatePacketCheckSum(PUCHAR IpHeader, ULONG Protocol);
+/* TRUE when the IP header checksum was right; either way it is right afterwards. */
+NDISFILTER_API BOOLEAN NTAPI Filter_VerifyPacketCheckSum(PFilterPacket Packet);
+/* A new packet of the same adapter holding the whole frame, with no NDIS packets of its own. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_ClonePacket(PFilterPacket Packet, PFilterPacket *Clone);
+
+/* ------------------------------------------------------------------------
  * The memory shared with the user program: two rings of packet blocks.
  *
  *   MappedMemory                     (1724520 bytes, one non-paged allocation)
