@@ -168,6 +168,9 @@ EXTERN_C VOID NTAPI ShareMemoryThread(PVOID StartContext);
 EXTERN_C VOID NTAPI InjectedPacketThread(PVOID StartContext);
 VOID NdisFilter_ReleaseQueuedPackets(VOID);
 
+/* The packet checksum of `Length` bytes as stored into a header (ndisfilter-packetapi-checksum.cpp). */
+EXTERN_C USHORT NdisFilter_Checksum(const UCHAR *Data, ULONG Length);
+
 /* ---- hook binding (ndisfilter-main.cpp) ---- */
 /* TRUE when the hook driver is bound and supplied the function at `field`. */
 #define NF_HOOK_ACTIVE(field)                                                    \
