@@ -9,4 +9,5 @@
 #include "hk/host_core.h"
 #include "hk/host_io.h"
 #include "hk/host_debug.h"
+#include "hk/host_report.h"
 #endif

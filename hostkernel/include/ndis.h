@@ -3,4 +3,5 @@
 #define HK_NDIS_H
 #include "ntddk.h"
 #include "hk/ndis.h"
+#include "hk/ndis_packet.h"
 #endif

@@ -82,6 +82,29 @@ VOID DeliverAdapterEvent(PCSTR CallerName, ULONG Event, PFilterAdapter Adapter)
     KeReleaseSpinLock(&g_pGlobal->m_EventHandlerLock, irql);
 }
 
+/*
+ * Traces "AdapterName=<name>". The callbacks run at up to DISPATCH_LEVEL,
+ * where the debug print must not convert UTF-16 itself, so the name is
+ * narrowed here ('?' for characters beyond ASCII) and printed as 8-bit text.
+ */
+VOID TraceAdapterName(PFilterAdapter Adapter)
+{
+    if (!NF_TRACE_ON(NF_DBG_HOOK_PACKET))
+        return;
+    CHAR name[128];
+    ULONG length = 0;
+    LONG code = FilterGuard([&] {
+        const UNICODE_STRING *source = &Adapter->m_AdapterName;
+        ULONG characters = source->Buffer == NULL ? 0 : source->Length / sizeof(WCHAR);
+        for (; length < characters && length < sizeof(name) - 1; length++) {
+            WCHAR c = source->Buffer[length];
+            name[length] = (c >= 0x20 && c < 0x7F) ? (CHAR)c : '?';
+        }
+    });
+    name[code == 0 ? length : 0] = '\0';
+    NF_TRACE(NF_DBG_HOOK_PACKET, "AdapterName=%s\n", name);
+}
+
 } // namespace
 
 /*
@@ -92,7 +115,7 @@ EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterOpened(PFilterAdapter Adapter)
 {
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_AdapterOpened\n");
     if (Adapter != NULL) {
-        NF_TRACE(NF_DBG_HOOK_PACKET, "AdapterName=%ws\n", Adapter->m_AdapterName.Buffer);
+        TraceAdapterName(Adapter);
         Adapter->m_Tag = FILTER_ADAPTER_TAG;
         RefreshAdapterTable();
         DeliverAdapterEvent("NdisFilter_AdapterOpened", FILTER_EVENT_ADAPTER_OPENED, Adapter);
@@ -110,7 +133,7 @@ EXTERN_C VOID NTAPI NdisFilter_AdapterStatusChanged(PFilterAdapter Adapter, NDIS
 {
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_AdapterStatusChanged\n");
     if (Adapter != NULL) {
-        NF_TRACE(NF_DBG_HOOK_PACKET, "AdapterName=%ws\n", Adapter->m_AdapterName.Buffer);
+        TraceAdapterName(Adapter);
         if (Status == NDIS_STATUS_MEDIA_CONNECT)
             DeliverAdapterEvent("NdisFilter_AdapterStatusChanged", FILTER_EVENT_MEDIA_CONNECT, Adapter);
         else if (Status == NDIS_STATUS_MEDIA_DISCONNECT)
@@ -130,7 +153,7 @@ EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterClosed(PFilterAdapter Adapter)
 {
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_AdapterClosed\n");
     if (Adapter != NULL) {
-        NF_TRACE(NF_DBG_HOOK_PACKET, "AdapterName=%ws\n", Adapter->m_AdapterName.Buffer);
+        TraceAdapterName(Adapter);
         /* Capture logs of a closed adapter end with it (upper, lower, inject). */
         Adapter->m_pUpperEthrLog = NULL;
         Adapter->m_pLowerEthrLog = NULL;

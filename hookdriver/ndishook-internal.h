@@ -1,0 +1,243 @@
+/*
+ * ndishook-internal.h - the simulated NDIS hook driver: its records and what
+ * its parts offer each other.
+ *
+ * The driver part (ndishook-main, -adapter, -packet, -request) is kernel code:
+ * kernel and NDIS interfaces only, no C library beyond what the kernel
+ * exports, no STL. The host control part (ndishook-control) drives it
+ * through the Nh* routines declared at the end.
+ *
+ * One spin lock guards every list of the driver. The framework's callbacks
+ * are never called with it held: the framework calls straight back into the
+ * hook functions, which take it.
+ */
+#pragma once
+
+#include <ntddk.h>
+#include <ndis.h>
+#include <ndisfilter.h>
+
+#define NH_ADAPTER_MAGIC 0x41644E48u /* "HNdA" */
+#define NH_PACKET_MAGIC 0x6B504E48u  /* "HNPk" */
+#define NH_REQUEST_MAGIC 0x71524E48u /* "HNRq" */
+
+#define NH_ADAPTER_TAG 0x64614E48u  /* "HNad" adapters */
+#define NH_PACKET_TAG 0x6B704E48u   /* "HNpk" packet records */
+#define NH_FRAME_TAG 0x72664E48u    /* "HNfr" frame memory behind NDIS buffers */
+#define NH_DELIVERY_TAG 0x6C644E48u /* "HNdl" recorded deliveries */
+#define NH_REQUEST_TAG 0x71724E48u  /* "HNrq" request blocks */
+#define NH_CLAIM_TAG 0x63694E48u    /* "HNic" claimed control codes */
+
+#define NH_ADAPTER_NAME_CHARS 128
+#define NH_MAX_CLAIMS 8
+#define NH_RECENTLY_RETURNED 64
+#define NH_DEFAULT_LINK_SPEED 1000000 /* 100 Mbit/s in units of 100 bit/s */
+
+/* Indexes of the two delivery directions. */
+#define NH_TO_PROTOCOL 0
+#define NH_TO_ADAPTER 1
+
+/* A frame the hook driver passed on: up to the protocols or down to the wire. */
+typedef struct _NhDelivery {
+    LIST_ENTRY m_Link;
+    ULONG m_nLength;
+    UCHAR m_Frame[1];
+} NhDelivery, *PNhDelivery;
+
+/*
+ * One adapter. The framework sees the FilterAdapter at its start; the rest
+ * is the hook driver's. The record lives while it is open or any packet for
+ * it is out (m_nReferences).
+ */
+typedef struct _NhAdapter {
+    FilterAdapter m_Filter;
+    ULONG m_Magic;
+    volatile LONG m_nReferences;
+    BOOLEAN m_bOpen;
+    LIST_ENTRY m_Link; /* in g_Hook.m_Adapters while open */
+    ULONG m_nLinkSpeed;
+    CHAR m_szName[256]; /* AdapterInfo.m_szAdapterName */
+    WCHAR m_wszDeviceName[NH_ADAPTER_NAME_CHARS]; /* behind m_Filter.m_AdapterName */
+    LIST_ENTRY m_Delivered[2]; /* NhDelivery, by NH_TO_PROTOCOL / NH_TO_ADAPTER */
+    ULONG m_nDelivered[2];
+} NhAdapter, *PNhAdapter;
+
+/* Where a packet record came from. */
+#define NH_ORIGIN_ALLOCATED 1 /* Hook_AllocatePacket */
+#define NH_ORIGIN_RECEIVED 2  /* a frame received on an adapter */
+#define NH_ORIGIN_SENT 3      /* a frame sent by the protocols */
+
+/* The hook driver's bookkeeping of a packet, inside FilterPacket.m_HookPrivate1. */
+typedef struct _NhPacketPrivate {
+    ULONG m_Magic;
+    ULONG m_nOrigin;
+    LIST_ENTRY m_Link; /* in g_Hook.m_Packets while handed out */
+    PNhAdapter m_pAdapter; /* referenced */
+    PNDIS_PACKET m_pNdisPacket;
+    PUCHAR m_pFrame; /* the memory the NDIS buffers describe */
+    ULONG m_nFrameLength;
+    ULONG m_nLine;
+    PCSTR m_pszFile;
+} NhPacketPrivate, *PNhPacketPrivate;
+
+C_ASSERT(sizeof(NhPacketPrivate) <= RTL_FIELD_SIZE(FilterPacket, m_HookPrivate1));
+
+#define NH_PRIVATE(Packet) ((PNhPacketPrivate)(Packet)->m_HookPrivate1)
+
+/* A control code the hook driver answers in Hook_HandleIoControl. */
+typedef struct _NhClaim {
+    ULONG m_Code;
+    NTSTATUS m_Status;
+    PUCHAR m_pData;
+    ULONG m_nLength;
+    BOOLEAN m_bUsed;
+} NhClaim;
+
+/* Running totals of the packet path. */
+typedef struct _NhCounters {
+    ULONG m_nHandedOut;       /* packet records handed out */
+    ULONG m_nFreed;           /* records back through Hook_FreePacket */
+    ULONG m_nInjected;        /* records back through an inject function */
+    ULONG m_nReleaseCallbacks;
+    ULONG m_nReceivesIndicated;
+    ULONG m_nSendsIndicated;
+} NhCounters;
+
+typedef VOID (*PNH_PACKET_OBSERVER)(PFilterPacket Packet, PVOID Context);
+
+/* The driver's one global record. */
+typedef struct _NhGlobal {
+    BOOLEAN m_bLoaded;
+    PDRIVER_OBJECT m_pDriver;
+    KSPIN_LOCK m_Lock;
+    LIST_ENTRY m_Adapters; /* open adapters, in the order they opened */
+    LIST_ENTRY m_Packets;  /* packet records handed out */
+    LIST_ENTRY m_Requests; /* request blocks allocated */
+    PVOID m_Returned[NH_RECENTLY_RETURNED]; /* packet records taken back lately */
+    ULONG m_nNextReturned;
+    NhCounters m_Counters;
+    NhClaim m_Claims[NH_MAX_CLAIMS];
+    PNH_PACKET_OBSERVER m_pfObserver;
+    PVOID m_pObserverContext;
+
+    /* the binding: m_Api as the framework returned it, valid while m_bBound */
+    NdisHookAPI m_Api;
+    BOOLEAN m_bBound;
+    volatile LONG m_nCallsIntoFramework; /* callbacks running now */
+
+    NDIS_HANDLE m_hPacketPool;
+    NDIS_HANDLE m_hBufferPool;
+} NhGlobal;
+
+extern NhGlobal g_Hook;
+
+/* Holds g_Hook.m_Lock for the scope (raises to DISPATCH_LEVEL). */
+class NhLock {
+public:
+    NhLock() { KeAcquireSpinLock(&g_Hook.m_Lock, &m_OldIrql); }
+    ~NhLock() { KeReleaseSpinLock(&g_Hook.m_Lock, m_OldIrql); }
+    NhLock(const NhLock &) = delete;
+    NhLock &operator=(const NhLock &) = delete;
+
+private:
+    KIRQL m_OldIrql;
+};
+
+/*
+ * A window in which the framework's callbacks may be called: taken only while
+ * bound, and unbinding waits until every window has closed.
+ */
+class NhFrameworkCall {
+public:
+    NhFrameworkCall();
+    ~NhFrameworkCall();
+    NhFrameworkCall(const NhFrameworkCall &) = delete;
+    NhFrameworkCall &operator=(const NhFrameworkCall &) = delete;
+    /* The callbacks, or NULL when not bound. */
+    const NdisHookAPI *Api() const { return m_bEntered ? &m_Api : NULL; }
+
+private:
+    BOOLEAN m_bEntered;
+    NdisHookAPI m_Api;
+};
+
+/* ---- verifier findings (ndishook-finding.cpp) ---- */
+VOID NhReportFinding(PCSTR Format, ...) __attribute__((format(printf, 1, 2)));
+
+/* ---- the fourteen hook functions ---- */
+EXTERN_C NTSTATUS NTAPI NhGetOsVersion(PULONG Value1, PULONG Value2, PULONG Value3, PULONG Value4);
+EXTERN_C NTSTATUS NTAPI NhHandleIoControl(ULONG IoControlCode, PVOID InputBuffer, ULONG InputLength,
+                                          PVOID OutputBuffer, ULONG OutputLength, PULONG BytesReturned);
+EXTERN_C PFilterPacket NTAPI NhAllocatePacket(PFilterAdapter Adapter, PCSTR File, ULONG Line);
+EXTERN_C VOID NTAPI NhFreePacket(PFilterPacket Packet, PCSTR File, ULONG Line);
+EXTERN_C NDIS_STATUS NTAPI NhInjectPacketToAdapter(PFilterAdapter Adapter, PFilterPacket Packet);
+EXTERN_C NDIS_STATUS NTAPI NhInjectPacketToProtocol(PFilterAdapter Adapter, PFilterPacket Packet);
+EXTERN_C PVOID NTAPI NhAllocateRequest(VOID);
+EXTERN_C NDIS_STATUS NTAPI NhMakeNdisRequest(PFilterAdapter Adapter, PVOID Request, PVOID Argument);
+EXTERN_C VOID NTAPI NhFreeRequest(PVOID Request);
+EXTERN_C NTSTATUS NTAPI NhSetAdapterStatus(PUCHAR AdapterKey, ULONG State);
+EXTERN_C NTSTATUS NTAPI NhGetAdapterStatus(PUCHAR AdapterKey, PULONG State);
+EXTERN_C VOID NTAPI NhGetTcpIpBoundAdapters(PVOID AdapterList);
+EXTERN_C PVOID NTAPI NhMmMapLockedPages(PMDL Mdl, ULONG ShareValue, PMappedMemory Memory);
+EXTERN_C VOID NTAPI NhMmUnmapLockedPages(PMDL Mdl, PVOID UserAddress);
+
+/* ---- binding (ndishook-main.cpp); IRQL == PASSIVE_LEVEL ---- */
+NTSTATUS NhBind(VOID);
+NTSTATUS NhUnbind(VOID);
+/* A copy of the binding record as the hook driver holds it. */
+VOID NhQueryApi(PNdisHookAPI Copy);
+
+/* ---- adapters (ndishook-adapter.cpp) ---- */
+typedef struct _NhAdapterSetup {
+    PCWSTR m_pszDeviceName; /* becomes m_AdapterName */
+    PCSTR m_pszName;        /* AdapterInfo name: the instance id first */
+    UCHAR m_CurrentAddress[6];
+    UCHAR m_PermanentAddress[6];
+    USHORT m_usMTU;
+    ULONG m_nMedium;
+    BOOLEAN m_bNdisWan;
+    BOOLEAN m_bConnected;
+    ULONG m_nLinkSpeed;
+} NhAdapterSetup;
+
+/* Opens an adapter and reports it; NULL without memory. IRQL == PASSIVE_LEVEL. */
+PNhAdapter NhOpenAdapter(const NhAdapterSetup *Setup);
+/* Closes an open adapter and reports it. IRQL == PASSIVE_LEVEL. */
+NTSTATUS NhCloseAdapter(PFilterAdapter Adapter);
+/* Sets the media state (NdisMediaStateConnected / Disconnected) and reports a change. */
+NTSTATUS NhSetMediaState(PFilterAdapter Adapter, ULONG State);
+/* The open adapter behind a handle, referenced; NULL when it is not one. Under no lock. */
+PNhAdapter NhReferenceOpenAdapter(PFilterAdapter Adapter);
+/* The open adapter whose record is at Adapter; NULL otherwise. Caller holds the lock. */
+PNhAdapter NhFindOpenAdapterLocked(PFilterAdapter Adapter);
+VOID NhReferenceAdapter(PNhAdapter Adapter);
+/* Drops a reference; the last one frees the record with its deliveries. */
+VOID NhDereferenceAdapter(PNhAdapter Adapter);
+/* Closes every adapter (at unload). */
+VOID NhCloseAllAdapters(VOID);
+
+/* Records a frame delivered on an adapter (NH_TO_PROTOCOL / NH_TO_ADAPTER). */
+VOID NhRecordDelivery(PNhAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG Length);
+ULONG NhDeliveredCount(PFilterAdapter Adapter, ULONG Index);
+/* Copies delivery `Position`; STATUS_NOT_FOUND when there is none, STATUS_BUFFER_TOO_SMALL
+ * (with *Length set) when it does not fit. */
+NTSTATUS NhGetDelivered(PFilterAdapter Adapter, ULONG Index, ULONG Position, PVOID Buffer,
+                        ULONG BufferSize, PULONG Length);
+VOID NhClearDelivered(PFilterAdapter Adapter);
+
+/* ---- packets (ndishook-packet.cpp) ---- */
+NTSTATUS NhInitializePackets(VOID);
+/* Reports and reclaims packet records still out, then frees the pools (at unload). */
+VOID NhReclaimPackets(VOID);
+/* Indicates a frame as NDIS would: received (NH_TO_PROTOCOL) or sent (NH_TO_ADAPTER). */
+NTSTATUS NhIndicateFrame(PFilterAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG Length,
+                         ULONG HeaderSplit, ULONG ChunkSize, ULONG Lookahead);
+LONG NhPacketsOutstanding(VOID);
+VOID NhQueryCounters(NhCounters *Counters);
+VOID NhSetPacketObserver(PNH_PACKET_OBSERVER Observer, PVOID Context);
+
+/* ---- requests and the rest (ndishook-request.cpp) ---- */
+/* Reports and frees request blocks still allocated, and the claims (at unload). */
+VOID NhReclaimRequests(VOID);
+NTSTATUS NhClaimIoControl(ULONG Code, NTSTATUS Status, const VOID *Data, ULONG Length);
+VOID NhReleaseIoControls(VOID);

@@ -1,0 +1,429 @@
+/*
+ * ndishook-packet.cpp - packet records and the frames behind them.
+ *
+ * A received or sent frame becomes what NDIS would hand the hook: an NDIS
+ * packet whose buffers (several MDLs) describe a copy of the frame. The hook
+ * driver wraps it in a FilterPacket with a lookahead prefix in m_Data and
+ * calls the framework's receive or send callback at DISPATCH_LEVEL.
+ *
+ * Every packet record handed out must come back exactly once: through
+ * Hook_FreePacket or through one of the inject functions. Records out are
+ * kept in g_Hook.m_Packets; one handed back twice, or a pointer that never
+ * was a record, is a verifier finding and is not touched.
+ */
+#include "ndishook-internal.h"
+
+namespace {
+
+#define NH_DEFAULT_HEADER_SPLIT 14
+#define NH_DEFAULT_CHUNK_SIZE 256
+#define NH_DEFAULT_LOOKAHEAD 128
+#define NH_HEADER_SIZE 14
+
+/* The private record starts the packet record, so a list link leads back to the packet. */
+C_ASSERT(FIELD_OFFSET(FilterPacket, m_HookPrivate1) == 0);
+
+/* A new zeroed record for an adapter (referenced), counted as handed out. */
+PFilterPacket NewRecord(PNhAdapter Adapter, ULONG Origin, PCSTR File, ULONG Line)
+{
+    PFilterPacket packet = (PFilterPacket)ExAllocatePoolWithTag(NonPagedPool, sizeof(FilterPacket), NH_PACKET_TAG);
+    if (packet == NULL)
+        return NULL;
+    RtlZeroMemory(packet, sizeof(*packet));
+    packet->m_hAdapter = &Adapter->m_Filter;
+    PNhPacketPrivate own = NH_PRIVATE(packet);
+    own->m_Magic = NH_PACKET_MAGIC;
+    own->m_nOrigin = Origin;
+    own->m_pAdapter = Adapter;
+    own->m_pszFile = File;
+    own->m_nLine = Line;
+    NhReferenceAdapter(Adapter);
+    NhLock lock;
+    InsertTailList(&g_Hook.m_Packets, &own->m_Link);
+    g_Hook.m_Counters.m_nHandedOut++;
+    return packet;
+}
+
+/* Frees the NDIS packet, its buffers and the frame memory they describe. */
+VOID FreeNdisPacket(PNDIS_PACKET NdisPacket, PUCHAR Frame)
+{
+    if (NdisPacket != NULL) {
+        PNDIS_BUFFER buffer;
+        for (NdisUnchainBufferAtFront(NdisPacket, &buffer); buffer != NULL;
+             NdisUnchainBufferAtFront(NdisPacket, &buffer))
+            NdisFreeBuffer(buffer);
+        NdisFreePacket(NdisPacket);
+    }
+    if (Frame != NULL)
+        ExFreePoolWithTag(Frame, NH_FRAME_TAG);
+}
+
+/*
+ * Takes a record back from whoever had it. FALSE (with a finding naming
+ * `How`) when it is not out: handed back before, or never a record.
+ */
+BOOLEAN TakeBack(PFilterPacket Packet, PCSTR How, PCSTR File, ULONG Line)
+{
+    if (Packet == NULL) {
+        NhReportFinding("NdisHook: %s(NULL) from %s:%u", How, File != NULL ? File : "?", (unsigned)Line);
+        return FALSE;
+    }
+    BOOLEAN returnedBefore = FALSE;
+    {
+        NhLock lock;
+        for (PLIST_ENTRY link = g_Hook.m_Packets.Flink; link != &g_Hook.m_Packets; link = link->Flink) {
+            if (link == &NH_PRIVATE(Packet)->m_Link) {
+                RemoveEntryList(link);
+                g_Hook.m_Returned[g_Hook.m_nNextReturned] = Packet;
+                g_Hook.m_nNextReturned = (g_Hook.m_nNextReturned + 1) % NH_RECENTLY_RETURNED;
+                return TRUE;
+            }
+        }
+        for (ULONG i = 0; i < NH_RECENTLY_RETURNED; i++)
+            returnedBefore |= g_Hook.m_Returned[i] == Packet;
+    }
+    if (returnedBefore)
+        NhReportFinding("NdisHook: %s(%p) from %s:%u: the packet was already handed back (freed or "
+                        "injected twice)", How, (PVOID)Packet, File != NULL ? File : "?", (unsigned)Line);
+    else
+        NhReportFinding("NdisHook: %s(%p) from %s:%u: not a packet of the hook driver", How, (PVOID)Packet,
+                        File != NULL ? File : "?", (unsigned)Line);
+    return FALSE;
+}
+
+/*
+ * Disposes of a record taken back: its release callback first, then the NDIS
+ * packet and buffers behind it, then the record. IRQL <= DISPATCH_LEVEL.
+ */
+VOID Dispose(PFilterPacket Packet)
+{
+    if (Packet->m_pfReleaseCallback != NULL) {
+        Packet->m_pfReleaseCallback(Packet, Packet->m_pReleaseContext);
+        NhLock lock;
+        g_Hook.m_Counters.m_nReleaseCallbacks++;
+    }
+    PNhPacketPrivate own = NH_PRIVATE(Packet);
+    FreeNdisPacket(own->m_pNdisPacket, own->m_pFrame);
+    PNhAdapter adapter = own->m_pAdapter;
+    own->m_Magic = 0;
+    ExFreePoolWithTag(Packet, NH_PACKET_TAG);
+    NhDereferenceAdapter(adapter);
+}
+
+/*
+ * Copies up to Size bytes of an NDIS packet's data, from its start, walking
+ * its buffers. Returns the bytes copied.
+ */
+ULONG CopyFromChain(PNDIS_PACKET NdisPacket, PUCHAR Destination, ULONG Size)
+{
+    ULONG copied = 0;
+    PNDIS_BUFFER buffer;
+    NdisQueryPacket(NdisPacket, NULL, NULL, &buffer, NULL);
+    while (buffer != NULL && copied < Size) {
+        PVOID address;
+        UINT length;
+        NdisQueryBufferSafe(buffer, &address, &length, NormalPagePriority);
+        if (address == NULL)
+            break;
+        ULONG take = length < Size - copied ? length : Size - copied;
+        RtlCopyMemory(Destination + copied, address, take);
+        copied += take;
+        NdisGetNextBuffer(buffer, &buffer);
+    }
+    return copied;
+}
+
+/*
+ * An NDIS packet over a copy of the frame: the first buffer HeaderSplit bytes
+ * long, then buffers of ChunkSize bytes. NULL without resources.
+ */
+PNDIS_PACKET BuildNdisPacket(const UCHAR *Frame, ULONG Length, ULONG HeaderSplit, ULONG ChunkSize,
+                             PUCHAR *FrameCopy)
+{
+    PUCHAR copy = (PUCHAR)ExAllocatePoolWithTag(NonPagedPool, Length, NH_FRAME_TAG);
+    if (copy == NULL)
+        return NULL;
+    RtlCopyMemory(copy, Frame, Length);
+    NDIS_STATUS status;
+    PNDIS_PACKET packet;
+    NdisAllocatePacket(&status, &packet, g_Hook.m_hPacketPool);
+    if (status != NDIS_STATUS_SUCCESS) {
+        ExFreePoolWithTag(copy, NH_FRAME_TAG);
+        return NULL;
+    }
+    ULONG offset = 0;
+    ULONG piece = HeaderSplit;
+    while (offset < Length) {
+        ULONG take = piece < Length - offset ? piece : Length - offset;
+        PNDIS_BUFFER buffer;
+        NdisAllocateBuffer(&status, &buffer, g_Hook.m_hBufferPool, copy + offset, take);
+        if (status != NDIS_STATUS_SUCCESS) {
+            FreeNdisPacket(packet, copy);
+            return NULL;
+        }
+        NdisChainBufferAtBack(packet, buffer);
+        offset += take;
+        piece = ChunkSize;
+    }
+    NDIS_SET_PACKET_HEADER_SIZE(packet, NH_HEADER_SIZE);
+    *FrameCopy = copy;
+    return packet;
+}
+
+/*
+ * Passes a frame on without the framework: a received frame goes up to the
+ * protocols, a sent one down to the wire.
+ */
+VOID PassThrough(PNhAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG Length)
+{
+    NhRecordDelivery(Adapter, Index, Frame, Length);
+}
+
+/*
+ * The frame an injected record carries: m_Data when it is dirty, else the
+ * NDIS packet behind it, else m_Data. Returns the frame's length, or
+ * (ULONG)-1 when m_nPacketSize does not fit m_Data.
+ */
+ULONG ExtractFrame(PFilterPacket Packet, PUCHAR *Frame, PUCHAR Scratch)
+{
+    PNDIS_PACKET ndis = Packet->m_pIncomingNdisPacket != NULL ? Packet->m_pIncomingNdisPacket
+                                                               : Packet->m_pOutgoingNdisPacket;
+    if (!Packet->m_bDirty && ndis != NULL) {
+        UINT total = 0;
+        NdisQueryPacketLength(ndis, &total);
+        if (total > FILTER_PACKET_DATA_SIZE)
+            total = FILTER_PACKET_DATA_SIZE;
+        *Frame = Scratch;
+        return CopyFromChain(ndis, Scratch, total);
+    }
+    if (Packet->m_nPacketSize > FILTER_PACKET_DATA_SIZE)
+        return (ULONG)-1;
+    *Frame = Packet->m_Data;
+    return Packet->m_nPacketSize;
+}
+
+/* Hook_InjectPacketToAdapter / ToProtocol: the record is always the hook's again. */
+NDIS_STATUS Inject(PFilterAdapter Adapter, PFilterPacket Packet, ULONG Index, PCSTR How)
+{
+    if (!TakeBack(Packet, How, NULL, 0))
+        return NDIS_STATUS_INVALID_PACKET;
+    NDIS_STATUS status = NDIS_STATUS_SUCCESS;
+    PNhAdapter adapter = NhReferenceOpenAdapter(Adapter);
+    if (adapter == NULL) {
+        status = NDIS_STATUS_ADAPTER_NOT_FOUND;
+    } else {
+        /* Frames of the real driver never exceed m_Data: one can stand in as scratch. */
+        PUCHAR scratch = (PUCHAR)ExAllocatePoolWithTag(NonPagedPool, FILTER_PACKET_DATA_SIZE, NH_FRAME_TAG);
+        PUCHAR frame = NULL;
+        ULONG length = scratch != NULL ? ExtractFrame(Packet, &frame, scratch) : (ULONG)-1;
+        if (scratch == NULL)
+            status = NDIS_STATUS_RESOURCES;
+        else if (length == (ULONG)-1)
+            status = NDIS_STATUS_INVALID_LENGTH;
+        else
+            NhRecordDelivery(adapter, Index, frame, length);
+        if (scratch != NULL)
+            ExFreePoolWithTag(scratch, NH_FRAME_TAG);
+        NhDereferenceAdapter(adapter);
+    }
+    {
+        NhLock lock;
+        g_Hook.m_Counters.m_nInjected++;
+    }
+    Dispose(Packet);
+    return status;
+}
+
+} // namespace
+
+/* NhInitializePackets - the packet and buffer pools behind indicated frames. IRQL == PASSIVE_LEVEL. */
+NTSTATUS NhInitializePackets(VOID)
+{
+    NDIS_STATUS status;
+    NdisAllocatePacketPool(&status, &g_Hook.m_hPacketPool, 256, 16);
+    if (status != NDIS_STATUS_SUCCESS)
+        return STATUS_INSUFFICIENT_RESOURCES;
+    NdisAllocateBufferPool(&status, &g_Hook.m_hBufferPool, 2048);
+    if (status != NDIS_STATUS_SUCCESS) {
+        NdisFreePacketPool(g_Hook.m_hPacketPool);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    return STATUS_SUCCESS;
+}
+
+/*
+ * NhReclaimPackets - at unload: every record still out is a verifier finding
+ * and is freed (without its release callback: its owner is gone), then the
+ * pools go. IRQL == PASSIVE_LEVEL.
+ */
+VOID NhReclaimPackets(VOID)
+{
+    for (;;) {
+        PFilterPacket packet;
+        {
+            NhLock lock;
+            if (IsListEmpty(&g_Hook.m_Packets))
+                break;
+            PLIST_ENTRY link = RemoveHeadList(&g_Hook.m_Packets);
+            packet = (PFilterPacket)CONTAINING_RECORD(link, NhPacketPrivate, m_Link);
+        }
+        PNhPacketPrivate own = NH_PRIVATE(packet);
+        NhReportFinding("NdisHook: packet %p (%s, allocated at %s:%u) was still out at unload", (PVOID)packet,
+                        own->m_nOrigin == NH_ORIGIN_RECEIVED ? "received frame"
+                        : own->m_nOrigin == NH_ORIGIN_SENT   ? "sent frame"
+                                                             : "Hook_AllocatePacket",
+                        own->m_pszFile != NULL ? own->m_pszFile : "?", (unsigned)own->m_nLine);
+        packet->m_pfReleaseCallback = NULL;
+        Dispose(packet);
+    }
+    NdisFreeBufferPool(g_Hook.m_hBufferPool);
+    NdisFreePacketPool(g_Hook.m_hPacketPool);
+}
+
+/*
+ * Hook_AllocatePacket - a zeroed record for an open adapter (m_hAdapter set),
+ * with no NDIS packet behind it; NULL for an adapter that is not open or
+ * without memory. File and Line name the caller in reports. IRQL <= DISPATCH_LEVEL.
+ */
+EXTERN_C PFilterPacket NTAPI NhAllocatePacket(PFilterAdapter Adapter, PCSTR File, ULONG Line)
+{
+    PNhAdapter adapter = NhReferenceOpenAdapter(Adapter);
+    if (adapter == NULL)
+        return NULL;
+    PFilterPacket packet = NewRecord(adapter, NH_ORIGIN_ALLOCATED, File, Line);
+    NhDereferenceAdapter(adapter);
+    return packet;
+}
+
+/*
+ * Hook_FreePacket - takes a record back: its release callback runs, then the
+ * NDIS packet and buffers behind it and the record are freed. A record not
+ * out is reported and left alone. IRQL <= DISPATCH_LEVEL.
+ */
+EXTERN_C VOID NTAPI NhFreePacket(PFilterPacket Packet, PCSTR File, ULONG Line)
+{
+    if (!TakeBack(Packet, "Hook_FreePacket", File, Line))
+        return;
+    {
+        NhLock lock;
+        g_Hook.m_Counters.m_nFreed++;
+    }
+    Dispose(Packet);
+}
+
+/*
+ * Hook_InjectPacketToAdapter / Hook_InjectPacketToProtocol - the frame goes
+ * out on the wire / up to the protocols of Adapter (recorded), and the record
+ * is the hook driver's again and is freed, whatever the status:
+ * NDIS_STATUS_ADAPTER_NOT_FOUND when Adapter is not open,
+ * NDIS_STATUS_INVALID_LENGTH when a dirty m_nPacketSize exceeds m_Data,
+ * NDIS_STATUS_INVALID_PACKET for a record not out (reported, not touched).
+ * IRQL <= DISPATCH_LEVEL.
+ */
+EXTERN_C NDIS_STATUS NTAPI NhInjectPacketToAdapter(PFilterAdapter Adapter, PFilterPacket Packet)
+{
+    return Inject(Adapter, Packet, NH_TO_ADAPTER, "Hook_InjectPacketToAdapter");
+}
+
+EXTERN_C NDIS_STATUS NTAPI NhInjectPacketToProtocol(PFilterAdapter Adapter, PFilterPacket Packet)
+{
+    return Inject(Adapter, Packet, NH_TO_PROTOCOL, "Hook_InjectPacketToProtocol");
+}
+
+/*
+ * NhIndicateFrame - a frame received on the adapter (NH_TO_PROTOCOL) or sent
+ * by the protocols (NH_TO_ADAPTER), as NDIS hands it to the hook: while bound
+ * it goes to the framework's receive / send callback at DISPATCH_LEVEL;
+ * otherwise it passes straight through. IRQL == PASSIVE_LEVEL.
+ */
+NTSTATUS NhIndicateFrame(PFilterAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG Length,
+                         ULONG HeaderSplit, ULONG ChunkSize, ULONG Lookahead)
+{
+    if (Frame == NULL || Length == 0)
+        return STATUS_INVALID_PARAMETER;
+    PNhAdapter adapter = NhReferenceOpenAdapter(Adapter);
+    if (adapter == NULL)
+        return NDIS_STATUS_ADAPTER_NOT_FOUND;
+    NTSTATUS status = STATUS_SUCCESS;
+    NhFrameworkCall call;
+    if (call.Api() == NULL) {
+        PassThrough(adapter, Index, Frame, Length);
+        NhDereferenceAdapter(adapter);
+        return STATUS_SUCCESS;
+    }
+
+    PUCHAR copy = NULL;
+    PNDIS_PACKET ndis = BuildNdisPacket(Frame, Length, HeaderSplit != 0 ? HeaderSplit : NH_DEFAULT_HEADER_SPLIT,
+                                        ChunkSize != 0 ? ChunkSize : NH_DEFAULT_CHUNK_SIZE, &copy);
+    BOOLEAN received = Index == NH_TO_PROTOCOL;
+    PFilterPacket packet = ndis != NULL ? NewRecord(adapter, received ? NH_ORIGIN_RECEIVED : NH_ORIGIN_SENT,
+                                                    __FILE__, __LINE__)
+                                        : NULL;
+    if (packet == NULL) {
+        FreeNdisPacket(ndis, copy);
+        status = STATUS_INSUFFICIENT_RESOURCES;
+    } else {
+        PNhPacketPrivate own = NH_PRIVATE(packet);
+        own->m_pNdisPacket = ndis;
+        own->m_pFrame = copy;
+        own->m_nFrameLength = Length;
+        if (received)
+            packet->m_pIncomingNdisPacket = ndis;
+        else
+            packet->m_pOutgoingNdisPacket = ndis;
+        ULONG lookahead = Lookahead != 0 ? Lookahead : NH_DEFAULT_LOOKAHEAD;
+        if (lookahead > FILTER_PACKET_DATA_SIZE)
+            lookahead = FILTER_PACKET_DATA_SIZE;
+        packet->m_nBytesRead = CopyFromChain(ndis, packet->m_Data, lookahead);
+        packet->m_nPacketSize = Length;
+        packet->m_nDirection = received ? FILTER_DIRECTION_TO_PROTOCOL : FILTER_DIRECTION_TO_ADAPTER;
+
+        PNH_PACKET_OBSERVER observer;
+        PVOID context;
+        {
+            NhLock lock;
+            observer = g_Hook.m_pfObserver;
+            context = g_Hook.m_pObserverContext;
+            if (received)
+                g_Hook.m_Counters.m_nReceivesIndicated++;
+            else
+                g_Hook.m_Counters.m_nSendsIndicated++;
+        }
+        KIRQL irql;
+        KeRaiseIrql(DISPATCH_LEVEL, &irql);
+        if (observer != NULL)
+            observer(packet, context);
+        if (received)
+            call.Api()->Filter_FilterReceivedPacket(packet);
+        else
+            call.Api()->Filter_FilterSendPacket(packet);
+        KeLowerIrql(irql);
+    }
+    NhDereferenceAdapter(adapter);
+    return status;
+}
+
+/* NhPacketsOutstanding - packet records handed out and not yet back. */
+LONG NhPacketsOutstanding(VOID)
+{
+    LONG count = 0;
+    NhLock lock;
+    for (PLIST_ENTRY link = g_Hook.m_Packets.Flink; link != &g_Hook.m_Packets; link = link->Flink)
+        count++;
+    return count;
+}
+
+/* NhQueryCounters - a copy of the running totals. */
+VOID NhQueryCounters(NhCounters *Counters)
+{
+    NhLock lock;
+    *Counters = g_Hook.m_Counters;
+}
+
+/* NhSetPacketObserver - a routine shown every indicated packet first (NULL: none). */
+VOID NhSetPacketObserver(PNH_PACKET_OBSERVER Observer, PVOID Context)
+{
+    NhLock lock;
+    g_Hook.m_pfObserver = Observer;
+    g_Hook.m_pObserverContext = Context;
+}
