@@ -13,7 +13,8 @@ inline std::unique_ptr<FilterPacket> PacketOf(const Frame &frame, PFilterAdapter
 {
     std::unique_ptr<FilterPacket> packet(new FilterPacket());
     memset(packet.get(), 0, sizeof(FilterPacket));
-    memcpy(packet->m_Data, frame.data(), frame.size());
+    if (!frame.empty())
+        memcpy(packet->m_Data, frame.data(), frame.size());
     packet->m_nPacketSize = (ULONG)frame.size();
     packet->m_nBytesRead = (ULONG)frame.size();
     packet->m_hAdapter = adapter;

@@ -163,6 +163,14 @@ EXTERN_C VOID NdisFilter_UnmapMemoryToUserSpace(PMappedMemory Memory);
 EXTERN_C VOID NdisFilter_CompleteRead(VOID);
 EXTERN_C VOID NdisFilter_StopShare(PIRP Irp);
 EXTERN_C VOID NTAPI ShareMemoryThread(PVOID StartContext);
+EXTERN_C PVOID NdisFilter_MapMemoryToUserSpace(PMappedMemory Memory);
+EXTERN_C ULONG_PTR NdisFilter_StartShare(PIRP Irp);
+EXTERN_C PFilterPacket NdisFilter_ReadShareMemory(VOID);
+EXTERN_C BOOLEAN NdisFilter_WriteShareMemory(PFilterPacket Packet);
+EXTERN_C BOOLEAN NdisFilter_WriteSignalPacket(PVOID Signal);
+EXTERN_C NTSTATUS NdisFilter_IOCtrlReadShare(PIRP Irp);
+EXTERN_C NTSTATUS NdisFilter_IOCtrlWriteShare(PIRP Irp);
+EXTERN_C VOID NTAPI CancelPendingReadShare(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 
 /* ---- packets and injection (ndisfilter-packetapi.cpp) ---- */
 EXTERN_C VOID NTAPI InjectedPacketThread(PVOID StartContext);

@@ -28,7 +28,44 @@ struct ControlRequest {
         Status = STATUS_BUFFER_TOO_SMALL;
         return FALSE;
     }
+
+    BOOLEAN InputAtLeast(ULONG length)
+    {
+        if (InputLength >= length)
+            return TRUE;
+        NF_TRACE(NF_DBG_CORE, "    Input Buffer Length are too small\n");
+        Status = STATUS_BUFFER_TOO_SMALL;
+        return FALSE;
+    }
 };
+
+/*
+ * START_SHARE: keeps the caller's nonzero value for the mapping and answers
+ * the user address of the shared area; 20 means the share was refused or
+ * could not be mapped.
+ */
+VOID StartShare(ControlRequest &Request)
+{
+    NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_START_SHARE\n");
+    if (!Request.OutputAtLeast(sizeof(ULONG64)) || !Request.InputAtLeast(sizeof(ULONG)))
+        return;
+    g_dwShareValue = *(ULONG UNALIGNED *)Request.Buffer;
+    if (g_dwShareValue == 0) {
+        NF_TRACE(NF_DBG_CORE, "    User Virtual Address is error\n");
+        Request.Status = STATUS_INVALID_PARAMETER_2;
+        return;
+    }
+    ULONG64 address = NdisFilter_StartShare(Request.Irp);
+    *(ULONG64 UNALIGNED *)Request.Buffer = address;
+    Request.Information = sizeof(ULONG64);
+    if (address == 0) {
+        NF_TRACE(NF_DBG_CORE, "    NdisFilter_StartShare() fails\n");
+        Request.Status = STATUS_INTERNAL_ERROR;
+        return;
+    }
+    NF_TRACE(NF_DBG_CORE, "    NdisFilter_StartShare() success\n");
+}
+
 
 /* GET_VERSION: 1.0 in the first two bytes; no bytes are reported. */
 VOID GetVersion(ControlRequest &Request)
@@ -118,6 +155,21 @@ EXTERN_C NTSTATUS NTAPI NdisFilterIoControl(PDEVICE_OBJECT DeviceObject, PIRP Ir
     switch (request.Code) {
     case IOCTL_NDIS_FILTER_GET_VERSION:
         GetVersion(request);
+        break;
+    case IOCTL_NDIS_FILTER_START_SHARE:
+        StartShare(request);
+        break;
+    case IOCTL_NDIS_FILTER_STOP_SHARE:
+        NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_STOP_SHARE\n");
+        NdisFilter_StopShare(Irp);
+        break;
+    case IOCTL_NDIS_FILTER_READ_SHARE:
+        NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_READ_SHARE\n");
+        request.Status = NdisFilter_IOCtrlReadShare(Irp);
+        break;
+    case IOCTL_NDIS_FILTER_WRITE_SHARE:
+        NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_WRITE_SHARE\n");
+        NdisFilter_IOCtrlWriteShare(Irp); /* refused or not, the request succeeds */
         break;
     case IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE:
         PutSharedMemorySize(request);

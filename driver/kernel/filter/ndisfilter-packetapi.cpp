@@ -1,47 +1,480 @@
 /*
  * ndisfilter-packetapi.cpp - packets on their way through the framework: the
- * receive and send callbacks of the hook driver and the two injected-packet
- * queues with their worker threads.
+ * hook driver's receive and send callbacks, the filter chains walked for
+ * every packet, the final deliveries, and the two injected-packet queues with
+ * their worker threads.
+ *
+ * Ownership: a packet handed to any of these operations is theirs, also on
+ * failure; when an operation returns, the packet has been delivered (it is
+ * the hook driver's again), released, or kept by the filter that consumed it.
+ * Only Filter_IndicatePacketToApplication copies and leaves it to its caller.
  */
 #include "precomp.h"
 #include "ndisfilter-global.h"
+#include "ndisfilter-records.h"
 
 #define NF_INJECT_WAIT_MS 10 /* bounds the delay of a packet queued between drain and reset */
+#define NF_INJECT_FROM_FILTER 0x80000000u
+
+/* ---- the filter chains ---- */
 
 namespace {
 
-/* TRUE when injection queue `queue` holds no packet. */
-BOOLEAN QueueIsEmpty(ULONG queue)
+/* Which filters of a chain a walk runs, relative to a given filter. */
+struct WalkPlan {
+    BOOLEAN Partial;      /* FALSE: the whole chain */
+    FILTER_METHOD Method;
+    PPacketFilter Given;
+};
+
+/* Delivers a packet that every filter let pass, by the type of its chain. */
+VOID Deliver(FILTER_TYPE Type, PFilterPacket Packet)
 {
-    NfReadLock lock(&g_pGlobal->m_InjectedPacketLock[queue]);
-    return IsListEmpty(&g_pGlobal->m_InjectedPacketList[queue]);
+    if (Type == FILTER_TYPE_INCOMING_PACKET || Type == FILTER_TYPE_INJECT_TO_PROTOCOL)
+        Filter_IndicatePacketToProtocolEx(Packet->m_hAdapter, Packet);
+    else
+        Filter_InjectPacketToAdapterEx(Packet->m_hAdapter, Packet);
+}
+
+/*
+ * Walks the chain of `Type` under its read lock, calling each filter the plan
+ * selects until one answers other than BYPASS; then releases, forgets or
+ * delivers the packet. A filter that faults is reported and the walk goes on.
+ * No allocation and no write lock: this runs for every packet.
+ */
+VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPlan &Plan)
+{
+    BOOLEAN deliver = TRUE;
+    BOOLEAN consumed = FALSE;
+    BOOLEAN active = !Plan.Partial || Plan.Method == FILTER_METHOD_START_FROM_FIRST_FILTER ||
+                     Plan.Method == FILTER_METHOD_START_UNTIL_THIS_FILTER ||
+                     Plan.Method == FILTER_METHOD_STOP_AT_THIS_FILTER;
+    {
+        NfReadLock lock(&g_pGlobal->m_PacketFilterLock[Type]);
+        PLIST_ENTRY head = &g_pGlobal->m_PacketFilterList[Type];
+        LONG index = 0;
+        PLIST_ENTRY next;
+        for (PLIST_ENTRY link = head->Flink; link != head; link = next) {
+            next = link->Flink;
+            PPacketFilter filter = CONTAINING_RECORD(link, PacketFilter, m_ListEntry);
+            if (Plan.Partial) {
+                if (!active) {
+                    if (filter != Plan.Given)
+                        continue;
+                    active = TRUE;
+                    if (Plan.Method == FILTER_METHOD_START_AFTER_THIS_FILTER)
+                        continue;
+                } else if (Plan.Method == FILTER_METHOD_STOP_AT_THIS_FILTER && filter == Plan.Given) {
+                    break;
+                }
+            }
+
+            NF_TRACE(NF_DBG_PACKET, "  %s: %s->Filter[%d] - %*.*s, pPacket=0x%p\n", Name, Filter_TypeString(Type),
+                     (int)index++, (int)filter->m_FilterName.Length, (int)filter->m_FilterName.Length,
+                     filter->m_FilterName.Buffer, (PVOID)Packet);
+            InterlockedIncrement(&filter->m_PacketProcess);
+            FILTER_RESULT result = FILTER_RESULT_BYPASS;
+            LONG code = FilterGuard([&] {
+                result = filter->m_pfFilterProc(filter->m_hFilterDriver, filter->m_pDriverContext, filter,
+                                                filter->m_pFilterContext, Packet);
+            });
+
+            BOOLEAN stop = FALSE;
+            if (code != 0) {
+                NF_PRINT("  %s: exception, code = %d, pPacket=0x%p\n", Name, (int)code, (PVOID)Packet);
+            } else {
+                switch (result) {
+                case FILTER_RESULT_BYPASS:
+                    NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_BYPASS, pPacket=0x%p\n", Name, (PVOID)Packet);
+                    InterlockedIncrement(&filter->m_PacketBypass);
+                    break;
+                case FILTER_RESULT_DISCARD:
+                    NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_DISCARD, pPacket=0x%p\n", Name, (PVOID)Packet);
+                    Filter_DumpPacket("DD Filter Discard", Packet);
+                    InterlockedIncrement(&filter->m_PacketDiscard);
+                    deliver = FALSE;
+                    stop = TRUE;
+                    break;
+                case FILTER_RESULT_CONSUME:
+                    NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_CONSUME, pPacket=0x%p\n", Name, (PVOID)Packet);
+                    InterlockedIncrement(&filter->m_PacketConsume);
+                    consumed = TRUE;
+                    stop = TRUE;
+                    break;
+                case FILTER_RESULT_CAPTURE:
+                    NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_CAPTURE, pPacket=0x%p\n", Name, (PVOID)Packet);
+                    InterlockedIncrement(&filter->m_PacketCapture);
+                    deliver = FALSE;
+                    stop = TRUE;
+                    break;
+                default: /* an unknown verdict counts as processed and the walk goes on */
+                    break;
+                }
+            }
+            if (stop)
+                break;
+            if (Plan.Partial && Plan.Method == FILTER_METHOD_START_UNTIL_THIS_FILTER && filter == Plan.Given)
+                break;
+        }
+    }
+
+    if (consumed)
+        return; /* the filter owns the packet now */
+    if (!deliver) {
+        Filter_ReleasePacket(Packet);
+        return;
+    }
+    NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_BYPASS, pPacket=0x%p\n", Name, (PVOID)Packet);
+    Deliver(Type, Packet);
 }
 
 } // namespace
 
 /*
- * NdisFilter_FilterReceivedPacket / NdisFilter_FilterSendPacket - the hook
- * driver's receive and send paths. Until the filter chains run here, every
- * frame goes straight back to the hook driver. IRQL <= DISPATCH_LEVEL.
+ * Filter_InvokeFilters - runs the whole chain of `Type` for a packet; a packet
+ * every filter bypasses is delivered (an empty chain delivers at once).
+ * IRQL <= DISPATCH_LEVEL.
+ */
+EXTERN_C VOID NTAPI Filter_InvokeFilters(FILTER_TYPE Type, PFilterPacket Packet)
+{
+    NF_TRACE(NF_DBG_PACKET, "Enter Filter_InvokeFilters: Filter=%s, pPacket=0x%p\n", Filter_TypeString(Type),
+             (PVOID)Packet);
+    if (Packet == NULL)
+        return;
+    if ((ULONG)Type >= FILTER_TYPE_COUNT) {
+        Filter_ReleasePacket(Packet);
+        return;
+    }
+    WalkPlan plan = {FALSE, FILTER_METHOD_START_FROM_FIRST_FILTER, NULL};
+    WalkChain("Filter_InvokeFilters", Type, Packet, plan);
+    NF_TRACE(NF_DBG_PACKET, "Leave Filter_InvokeFilters\n");
+}
+
+/*
+ * Filter_InvokeFiltersEx - runs part of the chain that holds `Filter`:
+ * START_FROM_FIRST the whole chain, START_UNTIL_THIS up to and including it,
+ * STOP_AT_THIS up to but excluding it, START_FROM_THIS from it on,
+ * START_AFTER_THIS from its successor on (unknown methods as START_FROM_THIS).
+ * An invalid filter handle releases the packet. IRQL <= DISPATCH_LEVEL.
+ */
+EXTERN_C VOID NTAPI Filter_InvokeFiltersEx(FILTER_METHOD Method, PPacketFilter Filter, PFilterPacket Packet)
+{
+    NF_TRACE(NF_DBG_PACKET, "Enter Filter_InvokeFiltersEx\n");
+    NF_TRACE(NF_DBG_PACKET, "Enter Filter_InvokeFiltersEx: pPacket=0x%p\n", (PVOID)Packet);
+    if (Packet == NULL)
+        return;
+    FILTER_TYPE type = FILTER_TYPE_INVALID;
+    Filter_GetFilterType(Filter, &type);
+    NF_TRACE(NF_DBG_PACKET, "Enter Filter_InvokeFiltersEx: Filter=%s, Method=%s\n", Filter_TypeString(type),
+             Filter_MethodString(Method));
+    if ((ULONG)type >= FILTER_TYPE_COUNT) {
+        Filter_ReleasePacket(Packet);
+    } else {
+        WalkPlan plan = {TRUE, Method, Filter};
+        WalkChain("Filter_InvokeFiltersEx", type, Packet, plan);
+    }
+    NF_TRACE(NF_DBG_PACKET, "Leave Filter_InvokeFiltersEx\n");
+}
+
+/* ---- the hook driver's receive and send paths ---- */
+
+namespace {
+
+VOID FilterHookPacket(PFilterPacket Packet, ULONG Direction)
+{
+    Filter_InitPacketHeader(Packet, NULL);
+    Packet->m_nDirection = Direction;
+    if (Direction == FILTER_DIRECTION_TO_PROTOCOL) {
+        Filter_DumpPacket("/\\ Incoming Packet", Packet);
+        Filter_InvokeFilters(FILTER_TYPE_INCOMING_PACKET, Packet);
+    } else {
+        Filter_DumpPacket("\\/ Outgoing Packet", Packet);
+        Filter_InvokeFilters(FILTER_TYPE_OUTGOING_PACKET, Packet);
+    }
+}
+
+} // namespace
+
+/*
+ * NdisFilter_FilterReceivedPacket / NdisFilter_FilterSendPacket - a frame an
+ * adapter received, or a protocol sent: parsed, marked with its direction,
+ * dumped and run through the incoming or outgoing chain. The packet is the
+ * framework's from here on. IRQL <= DISPATCH_LEVEL.
  */
 EXTERN_C VOID NTAPI NdisFilter_FilterReceivedPacket(PFilterPacket Packet)
 {
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_FilterReceivedPacket\n");
-    Filter_ReleasePacket(Packet);
+    if (Packet != NULL)
+        FilterHookPacket(Packet, FILTER_DIRECTION_TO_PROTOCOL);
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_FilterReceivedPacket\n");
 }
 
 EXTERN_C VOID NTAPI NdisFilter_FilterSendPacket(PFilterPacket Packet)
 {
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_FilterSendPacket\n");
-    Filter_ReleasePacket(Packet);
+    if (Packet != NULL)
+        FilterHookPacket(Packet, FILTER_DIRECTION_TO_ADAPTER);
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_FilterSendPacket\n");
 }
 
+/* ---- final deliveries ---- */
+
+namespace {
+
+/*
+ * Hands a packet to the hook driver for the adapter or the protocols. A
+ * packet that cannot go on is released; once the hook function has it, it is
+ * the hook driver's whatever it answers.
+ */
+FILTER_STATUS DeliverToHook(PCSTR Name, PCSTR ExceptionName, PCSTR Marker, BOOLEAN ToAdapter, PFilterAdapter Adapter,
+                            PFilterPacket Packet)
+{
+    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+    NfStatusTrace trace(NF_DBG_PACKET, Name, status);
+    if (Packet == NULL) {
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+        return status;
+    }
+    if (Adapter == NULL) {
+        Filter_ReleasePacket(Packet);
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+        return status;
+    }
+    PHOOK_INJECT_PACKET inject = ToAdapter ? g_pGlobal->m_NdisHookAPI.Hook_InjectPacketToAdapter
+                                           : g_pGlobal->m_NdisHookAPI.Hook_InjectPacketToProtocol;
+    if ((g_pGlobal->m_NdisHookAPI.m_Flags & NDIS_HOOK_FLAG_BOUND) == 0 || inject == NULL) {
+        Filter_ReleasePacket(Packet);
+        status = FILTER_ERROR_INTERFACE_NOT_ACTIVE;
+        return status;
+    }
+    LONG code = FilterGuard([&] {
+        Packet->m_hAdapter = Adapter;
+        Filter_DumpPacket(Marker, Packet);
+        if (inject(Adapter, Packet) != 0)
+            status = FILTER_ERROR_INTERNAL_ERROR;
+    });
+    if (code != 0) {
+        NF_PRINT("%s: exception, code = %d\n", ExceptionName, (int)code);
+        status = FILTER_ERROR_EXCEPTION;
+    }
+    return status;
+}
+
+} // namespace
+
+EXTERN_C FILTER_STATUS NTAPI Filter_InjectPacketToAdapterEx(PFilterAdapter Adapter, PFilterPacket Packet)
+{
+    return DeliverToHook("Filter_InjectPacketToAdapterEx", "Filter_InjectPacketToAdapterEx", "VV Inject To Adapter",
+                         TRUE, Adapter, Packet);
+}
+
+EXTERN_C FILTER_STATUS NTAPI Filter_IndicatePacketToProtocolEx(PFilterAdapter Adapter, PFilterPacket Packet)
+{
+    return DeliverToHook("Filter_IndicatePacketToProtocolEx", "Filter_InjectPacketToProtocolEx",
+                         "AA Indicate To Protocol", FALSE, Adapter, Packet);
+}
+
+/* ---- immediate entries ---- */
+
+namespace {
+
+FILTER_STATUS InjectNow(PCSTR Name, PFilterAdapter Adapter, PFilterPacket Packet, ULONG Direction, FILTER_TYPE Type)
+{
+    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+    NfStatusTrace trace(NF_DBG_PACKET, Name, status);
+    if (Packet == NULL) {
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+    } else if (Adapter == NULL) {
+        Filter_ReleasePacket(Packet);
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+    } else {
+        Packet->m_hAdapter = Adapter;
+        Packet->m_nDirection = Direction;
+        Filter_InvokeFilters(Type, Packet);
+    }
+    return status;
+}
+
+} // namespace
+
+/* Runs the inject-to-adapter chain now, in the caller's context. */
+EXTERN_C FILTER_STATUS NTAPI Filter_InjectPacketToAdapter(PFilterAdapter Adapter, PFilterPacket Packet)
+{
+    return InjectNow("Filter_InjectPacketToAdapter", Adapter, Packet, FILTER_DIRECTION_TO_ADAPTER,
+                     FILTER_TYPE_INJECT_TO_ADAPTER);
+}
+
+/* Runs the inject-to-protocol chain now, in the caller's context. */
+EXTERN_C FILTER_STATUS NTAPI Filter_IndicatePacketToProtocol(PFilterAdapter Adapter, PFilterPacket Packet)
+{
+    return InjectNow("Filter_IndicatePacketToProtocol", Adapter, Packet, FILTER_DIRECTION_TO_PROTOCOL,
+                     FILTER_TYPE_INJECT_TO_PROTOCOL);
+}
+
+/* ---- the injected-packet queues ---- */
+
+namespace {
+
+/*
+ * The queue of a packet: the parity of the sum of its IPv4 source and
+ * destination (each loaded as a little-endian word), so both directions of
+ * an address pair share a queue and keep their order; queue 0 without IPv4.
+ */
+ULONG QueueOf(PFilterPacket Packet)
+{
+    if (Packet->m_pIp == NULL)
+        return 0;
+    ULONG source, destination;
+    RtlCopyMemory(&source, Packet->m_pIp + 12, sizeof(source));
+    RtlCopyMemory(&destination, Packet->m_pIp + 16, sizeof(destination));
+    return (source + destination) & 1;
+}
+
+VOID Enqueue(PFilterPacket Packet)
+{
+    ULONG queue = QueueOf(Packet);
+    {
+        NfWriteLock lock(&g_pGlobal->m_InjectedPacketLock[queue]);
+        InsertTailList(&g_pGlobal->m_InjectedPacketList[queue], &Packet->m_InjectLink);
+        InterlockedIncrement(&g_pGlobal->m_nInjectPacketCount);
+    }
+    NdisSetEvent(&g_pGlobal->m_InjectPacketEvent[queue]);
+}
+
+FILTER_STATUS InjectLater(PCSTR Name, PFilterAdapter Adapter, PFilterPacket Packet, ULONG Direction, ULONG_PTR Origin)
+{
+    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+    NfStatusTrace trace(NF_DBG_PACKET, Name, status);
+    if (Packet == NULL) {
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+    } else if (Adapter == NULL) {
+        Filter_ReleasePacket(Packet);
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+    } else {
+        Packet->m_hAdapter = Adapter;
+        Packet->m_nDirection = Direction;
+        Packet->m_InjectOrigin = Origin;
+        Packet->m_hInjectFilter = NULL;
+        Enqueue(Packet);
+    }
+    return status;
+}
+
+} // namespace
+
+/* Queued; the worker treats it as a frame the adapter just received. */
+EXTERN_C FILTER_STATUS NTAPI Filter_IndicatePacketFromAdapter(PFilterAdapter Adapter, PFilterPacket Packet)
+{
+    return InjectLater("Filter_IndicatePacketFromAdapter", Adapter, Packet, FILTER_DIRECTION_TO_PROTOCOL, 0);
+}
+
+/* Queued; the worker treats it as a frame a protocol just sent. */
+EXTERN_C FILTER_STATUS NTAPI Filter_InjectPacketFromProtocol(PFilterAdapter Adapter, PFilterPacket Packet)
+{
+    return InjectLater("Filter_InjectPacketFromProtocol", Adapter, Packet, FILTER_DIRECTION_TO_ADAPTER, 0);
+}
+
+/* Queued; the worker runs the inject chain of `Direction` (3: back to the application). */
+EXTERN_C FILTER_STATUS NTAPI Filter_InjectPacketFromApplication(PFilterAdapter Adapter, PFilterPacket Packet,
+                                                                ULONG Direction)
+{
+    return InjectLater("Filter_InjectPacketFromApplication", Adapter, Packet, Direction, 1);
+}
+
+/*
+ * Filter_InjectPacketFromFilter - a consumed packet handed back: queued, and
+ * the worker re-enters the chain at `Filter` as `Method` says. The packet's
+ * adapter and direction stay as they are.
+ */
+EXTERN_C FILTER_STATUS NTAPI Filter_InjectPacketFromFilter(FILTER_METHOD Method, PPacketFilter Filter,
+                                                           PFilterPacket Packet)
+{
+    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+    NfStatusTrace trace(NF_DBG_PACKET, "Filter_InjectPacketFromFilter", status);
+    if (Packet == NULL) {
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+    } else if (Filter == NULL) {
+        Filter_ReleasePacket(Packet);
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+    } else {
+        Packet->m_hInjectFilter = Filter;
+        Packet->m_InjectOrigin = (ULONG_PTR)(Method | NF_INJECT_FROM_FILTER);
+        Enqueue(Packet);
+    }
+    return status;
+}
+
+/* The number of packets waiting on both queues. */
+EXTERN_C LONG NTAPI Filter_GetInjectPacketCount(VOID)
+{
+    return InterlockedCompareExchange(&g_pGlobal->m_nInjectPacketCount, 0, 0);
+}
+
+/* Kept for the hook driver and clients that read it; the queues have no bound. */
+EXTERN_C VOID NTAPI Filter_SetPendingPacketLimit(ULONG Limit)
+{
+    g_PendingPacketLimit = Limit;
+}
+
+namespace {
+
+/* One packet taken off a queue, by where it came from. */
+VOID ProcessInjectedPacket(PFilterPacket Packet)
+{
+    ULONG_PTR origin = Packet->m_InjectOrigin;
+    if (origin == 0) {
+        if (Packet->m_nDirection == FILTER_DIRECTION_TO_PROTOCOL)
+            NdisFilter_FilterReceivedPacket(Packet);
+        else if (Packet->m_nDirection == FILTER_DIRECTION_TO_ADAPTER)
+            NdisFilter_FilterSendPacket(Packet);
+        else
+            Filter_ReleasePacket(Packet);
+    } else if (origin == 1) {
+        Filter_InitPacketHeader(Packet, NULL);
+        Filter_DumpPacket(">> Injected Packet", Packet);
+        switch (Packet->m_nDirection) {
+        case FILTER_DIRECTION_TO_ADAPTER:
+            Filter_InvokeFilters(FILTER_TYPE_INJECT_TO_ADAPTER, Packet);
+            break;
+        case FILTER_DIRECTION_TO_PROTOCOL:
+            Filter_InvokeFilters(FILTER_TYPE_INJECT_TO_PROTOCOL, Packet);
+            break;
+        case FILTER_DIRECTION_TO_APPLICATION:
+            NdisFilter_WriteShareMemory(Packet);
+            Filter_ReleasePacket(Packet);
+            break;
+        default:
+            Filter_ReleasePacket(Packet);
+            break;
+        }
+    } else {
+        Filter_InvokeFiltersEx((FILTER_METHOD)(origin & 0x0FFFFFFF), Packet->m_hInjectFilter, Packet);
+    }
+}
+
+/* Processes the queue's packets one at a time, in order, with the lock free while each is processed. */
+VOID DrainQueue(ULONG Queue)
+{
+    PLIST_ENTRY head = &g_pGlobal->m_InjectedPacketList[Queue];
+    for (;;) {
+        PFilterPacket packet;
+        {
+            NfWriteLock lock(&g_pGlobal->m_InjectedPacketLock[Queue]);
+            if (IsListEmpty(head))
+                return;
+            packet = CONTAINING_RECORD(RemoveHeadList(head), FilterPacket, m_InjectLink);
+            InterlockedDecrement(&g_pGlobal->m_nInjectPacketCount);
+        }
+        ProcessInjectedPacket(packet);
+    }
+}
+
+} // namespace
+
 /*
  * InjectedPacketThread - serves injection queue `StartContext` (0 or 1). Wakes
- * on the queue's event or every 10 ms, so it notices m_bStopShare without
- * being signalled. IRQL = PASSIVE_LEVEL, priority 16.
+ * on the queue's event or every 10 ms, so it also notices m_bStopShare
+ * without being signalled. IRQL = PASSIVE_LEVEL, priority 16.
  */
 EXTERN_C VOID NTAPI InjectedPacketThread(PVOID StartContext)
 {
@@ -52,7 +485,10 @@ EXTERN_C VOID NTAPI InjectedPacketThread(PVOID StartContext)
 
     while (!global->m_bStopShare) {
         NdisWaitEvent(&global->m_InjectPacketEvent[queue], NF_INJECT_WAIT_MS);
-        if (QueueIsEmpty(queue))
+        DrainQueue(queue);
+        /* The event may be reset only while the queue is seen empty under its lock. */
+        NfReadLock lock(&global->m_InjectedPacketLock[queue]);
+        if (IsListEmpty(&global->m_InjectedPacketList[queue]))
             NdisResetEvent(&global->m_InjectPacketEvent[queue]);
     }
 
@@ -71,4 +507,46 @@ VOID NdisFilter_ReleaseQueuedPackets(VOID)
             Filter_ReleasePacket(CONTAINING_RECORD(link, FilterPacket, m_InjectLink));
         }
     }
+}
+
+/* ---- the user program ---- */
+
+/*
+ * Filter_IndicatePacketToApplication - copies the packet, with a code and a
+ * value, into the output ring; the caller keeps the packet. A full ring is
+ * not reported.
+ */
+EXTERN_C FILTER_STATUS NTAPI Filter_IndicatePacketToApplication(PFilterPacket Packet, ULONG Code, ULONG64 Value)
+{
+    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+    NfStatusTrace trace(NF_DBG_PACKET, "Filter_IndicatePacketToApplication", status);
+    if (Packet == NULL) {
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+        return status;
+    }
+    Packet->m_nIndicateCode = Code;
+    Packet->m_nIndicateValue = Value;
+    Filter_DumpPacket("<< Indicate to Application", Packet);
+    NdisFilter_WriteShareMemory(Packet);
+    return status;
+}
+
+/*
+ * Filter_IndicateSignalToApplication - copies a signal record into the output
+ * ring (its word at offset 12 set to 0 first). FILTER_ERROR_OUT_OF_MEMORY when
+ * the ring is full or sharing has stopped.
+ */
+EXTERN_C FILTER_STATUS NTAPI Filter_IndicateSignalToApplication(PVOID Signal)
+{
+    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+    NfStatusTrace trace(NF_DBG_PACKET, "Filter_IndicateSignalToApplication", status);
+    if (Signal == NULL) {
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+        return status;
+    }
+    ULONG zero = 0;
+    RtlCopyMemory((PUCHAR)Signal + 12, &zero, sizeof(zero));
+    if (!NdisFilter_WriteSignalPacket(Signal))
+        status = FILTER_ERROR_OUT_OF_MEMORY;
+    return status;
 }

@@ -105,10 +105,10 @@ EXTERN_C VOID NdisFilter_CompleteRead(VOID)
 {
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter NdisFilter_CompleteRead\n");
     PIRP irp = (PIRP)InterlockedExchangePointer((PVOID volatile *)&g_pGlobal->m_pPendingReadIrp, NULL);
-    if (irp != NULL) {
+    /* A request whose cancel routine is already running is completed by that routine. */
+    if (irp != NULL && IoSetCancelRoutine(irp, NULL) != NULL) {
         irp->IoStatus.Status = STATUS_SUCCESS;
         irp->IoStatus.Information = 0;
-        IoSetCancelRoutine(irp, NULL);
         IoCompleteRequest(irp, IO_NO_INCREMENT);
     }
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_CompleteRead\n");
@@ -175,10 +175,321 @@ EXTERN_C VOID NdisFilter_FreeMappedMemory(VOID)
     NF_TRACE(NF_DBG_CORE, "  ExFreePool complete\n");
 }
 
+/* ---- mapping and the share's owner ---- */
+
 /*
- * ShareMemoryThread - serves the input ring: sleeps on m_ShareMemoryEvent
- * until the program announces blocks, and leaves once m_bStopShare is set.
- * IRQL = PASSIVE_LEVEL, priority 16.
+ * NdisFilter_MapMemoryToUserSpace - maps the whole shared allocation into the
+ * calling process, through the hook driver when it supplied the function.
+ * Returns the user address or NULL. IRQL = PASSIVE_LEVEL.
+ */
+EXTERN_C PVOID NdisFilter_MapMemoryToUserSpace(PMappedMemory Memory)
+{
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter NdisFilter_MapMemoryToUserSpace\n");
+    PHOOK_MM_MAP_LOCKED_PAGES map = g_pGlobal->m_NdisHookAPI.Hook_MmMapLockedPages;
+    LONG code = FilterGuard([&] {
+        if (map != NULL) {
+            map(Memory->m_pMdl, g_dwShareValue, Memory);
+            NF_TRACE(NF_DBG_SHARED_MEMORY, "  Hook_MmMapLockedPages() return 0x%p\n", Memory->m_pUserModeVirtualAddress);
+        } else {
+            Memory->m_pUserModeVirtualAddress = MmMapLockedPages(Memory->m_pMdl, UserMode);
+            NF_TRACE(NF_DBG_SHARED_MEMORY, "  MmMapLockedPages() return 0x%p\n", Memory->m_pUserModeVirtualAddress);
+        }
+    });
+    if (code != 0)
+        Memory->m_pUserModeVirtualAddress = NULL;
+    if (Memory->m_pUserModeVirtualAddress == NULL)
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "  MmMapLockedPages fails\n");
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_MapMemoryToUserSpace\n");
+    return Memory->m_pUserModeVirtualAddress;
+}
+
+/*
+ * NdisFilter_StartShare - maps the shared area into the caller's process and
+ * makes the request's file object its owner, unless someone owns it already.
+ * Returns the user address of SharedMemory: the mapping plus 20, so a
+ * refusal or a failed mapping returns 20. The rings keep their indexes.
+ */
+EXTERN_C ULONG_PTR NdisFilter_StartShare(PIRP Irp)
+{
+    PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
+    PMappedMemory memory = g_pGlobal->m_pMappedMemory;
+    ULONG_PTR address = 0;
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter NdisFilter_StartShare\n");
+    if (memory == NULL) {
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "MappedMemory is not allocated\n");
+    } else if (g_pGlobal->m_FileObject != NULL) {
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "SharedMemory is opened by another FileObject 0x%X\n",
+                 (unsigned)(ULONG_PTR)g_pGlobal->m_FileObject);
+    } else {
+        address = (ULONG_PTR)NdisFilter_MapMemoryToUserSpace(memory);
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "  UserMode SharedMemory = 0x%p\n", (PVOID)address);
+        if (address != 0) {
+            NF_TRACE(NF_DBG_SHARED_MEMORY, "MappedMemory mapped to FileObject 0x%p as 0x%p\n", (PVOID)fileObject,
+                     (PVOID)address);
+            g_pGlobal->m_FileObject = fileObject;
+        }
+    }
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_StartShare\n");
+    return address + SHARED_MEMORY_OFFSET;
+}
+
+/* ---- the rings ---- */
+
+namespace {
+
+BOOLEAN RingEmpty(const SharedBlockRing *Ring)
+{
+    return Ring->m_iRead == Ring->m_iWrite;
+}
+
+BOOLEAN RingFull(const SharedBlockRing *Ring)
+{
+    return (Ring->m_iWrite + 1) % Ring->m_iBlockCount == Ring->m_iRead;
+}
+
+LONG NextIndex(const SharedBlockRing *Ring, LONG Index)
+{
+    return (Index + 1) % Ring->m_iBlockCount;
+}
+
+PSharedBlock BlockAt(const SharedBlockRing *Ring, LONG Index)
+{
+    return (PSharedBlock)((PUCHAR)(ULONG_PTR)Ring->m_pkBlockBase + (ULONG_PTR)Index * (ULONG)Ring->m_iBlockSize);
+}
+
+BOOLEAN SharingStopped(VOID)
+{
+    return g_pGlobal->m_pSharedMemory == NULL || g_pGlobal->m_bStopShare;
+}
+
+} // namespace
+
+/*
+ * NdisFilter_ReadShareMemory - a new packet made from the input block at
+ * m_iRead, or NULL. A block whose adapter id is unknown, whose length does
+ * not fit its block, or for which no packet can be had stays in the ring and
+ * is met again at the next call. IRQL <= DISPATCH_LEVEL.
+ */
+EXTERN_C PFilterPacket NdisFilter_ReadShareMemory(VOID)
+{
+    KIRQL irql = KeGetCurrentIrql();
+    PFilterPacket packet = NULL;
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter NdisFilter_ReadShareMemory, IRQL=%d\n", irql);
+    if (SharingStopped()) {
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, I/O shared memory is not initialized\n", irql);
+    } else {
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, I/O shared memory is initialized\n", irql);
+        NfWriteLock lock(&g_pGlobal->m_InputBlockLock);
+        PSharedBlockRing ring = &g_pGlobal->m_pSharedMemory->KernelModeInput;
+        PFilterAdapter adapter = NULL;
+        if (RingEmpty(ring)) {
+            NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, input shared blocks are empty\n", irql);
+        } else {
+            NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, input shared blocks are not empty\n", irql);
+            /* The program owns m_iWrite and the blocks: read each once. */
+            LONG index = ring->m_iRead;
+            const SharedBlock *block = BlockAt(ring, index);
+            ULONG size = block->m_nPacketSize;
+            if (Filter_IdToAdapter(block->m_nAdapterId, &adapter) != FILTER_STATUS_SUCCESS) {
+                NF_TRACE(NF_DBG_SHARED_MEMORY,
+                         "  IRQL=%d, packet buffer adapter error, func Filter_IdToAdapter ret fails\n", irql);
+            } else if (size > SHARED_BLOCK_FRAME_SIZE) {
+                NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, packet size %u exceeds the block\n", irql, (unsigned)size);
+            } else if ((packet = Filter_AllocatePacket(adapter)) == NULL) {
+                NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, allocate packet buffer fails\n", irql);
+            } else {
+                NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, copy packets from I/O shared memory\n", irql);
+                packet->m_hAdapter = adapter;
+                packet->m_nDirection = block->m_nDirection;
+                packet->m_nPacketSize = size;
+                packet->m_dwCarried[0] = block->m_dwCarried[0];
+                packet->m_dwCarried[1] = block->m_dwCarried[1];
+                packet->m_nIndicateCode = block->m_nIndicateCode;
+                packet->m_nIndicateValue = block->m_nIndicateValue;
+                RtlCopyMemory(packet->m_ApplicationData, block->m_ApplicationData, sizeof(packet->m_ApplicationData));
+                RtlCopyMemory(packet->m_Data, block->m_Frame, size);
+                packet->m_nBytesRead = size;
+                NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, update read pointer to next block\n", irql);
+                ring->m_iRead = NextIndex(ring, index);
+            }
+        }
+    }
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_ReadShareMemory(), IRQL=%d, return 0x%p\n", irql, (PVOID)packet);
+    return packet;
+}
+
+namespace {
+
+/*
+ * The common frame of the two output-ring writers: `Write` fills the block at
+ * m_iWrite and answers whether it did. The parked read is completed after
+ * every attempt, full ring or not, so the program wakes and drains.
+ */
+template <typename Writer>
+BOOLEAN WriteOutputBlock(Writer &&Write)
+{
+    KIRQL irql = KeGetCurrentIrql();
+    if (SharingStopped()) {
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, I/O shared memory is not initialized\n", irql);
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_WriteShareMemory(), fails, IRQL=%d\n", irql);
+        return FALSE;
+    }
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, I/O shared memory is initialized\n", irql);
+    BOOLEAN written = FALSE;
+    BOOLEAN wake = TRUE;
+    {
+        NfWriteLock lock(&g_pGlobal->m_OutputBlockLock);
+        PSharedBlockRing ring = &g_pGlobal->m_pSharedMemory->KernelModeOutput;
+        if (!RingFull(ring)) {
+            NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, output shared blocks are not full\n", irql);
+            NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, copy packets to I/O shared memory\n", irql);
+            written = Write(BlockAt(ring, ring->m_iWrite), &wake);
+            if (written) {
+                NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, update write pointer to next block\n", irql);
+                InterlockedIncrement(&ring->m_nCount);
+                ring->m_iWrite = NextIndex(ring, ring->m_iWrite);
+            }
+        }
+    }
+    if (wake)
+        NdisFilter_CompleteRead();
+    return written;
+}
+
+} // namespace
+
+/*
+ * NdisFilter_WriteShareMemory - copies a packet into the output ring for the
+ * program. FALSE when sharing is stopped, the ring is full, the adapter has no
+ * identifier, or the frame does not fit a block. IRQL <= DISPATCH_LEVEL.
+ */
+EXTERN_C BOOLEAN NdisFilter_WriteShareMemory(PFilterPacket Packet)
+{
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter NdisFilter_WriteShareMemory (pBlock=0x%p,Complete=%s), IRQL=%d\n",
+             (PVOID)Packet, "TRUE", KeGetCurrentIrql());
+    BOOLEAN written = WriteOutputBlock([&](PSharedBlock Block, BOOLEAN *Wake) -> BOOLEAN {
+        ULONG id = 0;
+        if (Filter_AdapterToId(Packet->m_hAdapter, &id) != FILTER_STATUS_SUCCESS) {
+            NF_PRINT("Err: Filter_AdapterToId return failure.\n");
+            *Wake = FALSE;
+            return FALSE;
+        }
+        /* A frame longer than a block's frame area is refused like a full ring. */
+        if (Packet->m_nPacketSize > SHARED_BLOCK_FRAME_SIZE)
+            return FALSE;
+        Block->m_nAdapterId = id;
+        Block->m_nDirection = Packet->m_nDirection;
+        Block->m_nPacketSize = Packet->m_nPacketSize;
+        Block->m_dwCarried[0] = Packet->m_dwCarried[0];
+        Block->m_dwCarried[1] = Packet->m_dwCarried[1];
+        Block->m_nIndicateCode = Packet->m_nIndicateCode;
+        Block->m_nIndicateValue = Packet->m_nIndicateValue;
+        RtlCopyMemory(Block->m_ApplicationData, Packet->m_ApplicationData, sizeof(Block->m_ApplicationData));
+        RtlCopyMemory(Block->m_Frame, Packet->m_Data, Packet->m_nPacketSize);
+        return TRUE;
+    });
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_WriteShareMemory(), success, IRQL=%d\n", KeGetCurrentIrql());
+    return written;
+}
+
+/*
+ * NdisFilter_WriteSignalPacket - copies a FILTER_SIGNAL_SIZE-byte signal
+ * record into the output ring; its last 132 bytes spill into the next block
+ * (behind the last output block, into the first input block).
+ */
+EXTERN_C BOOLEAN NdisFilter_WriteSignalPacket(PVOID Signal)
+{
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter NdisFilter_WriteSignalPacket(pSignal=0x%p), IRQL=%d\n", Signal,
+             KeGetCurrentIrql());
+    BOOLEAN written = WriteOutputBlock([&](PSharedBlock Block, BOOLEAN *) -> BOOLEAN {
+        RtlCopyMemory(Block, Signal, FILTER_SIGNAL_SIZE);
+        return TRUE;
+    });
+    if (written)
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_WriteSignalPacket(), success, IRQL=%d\n", KeGetCurrentIrql());
+    return written;
+}
+
+/* ---- the read and write requests ---- */
+
+/*
+ * CancelPendingReadShare - the cancel routine of the parked read. Called with
+ * the cancel spin lock held, which it releases first.
+ */
+EXTERN_C VOID NTAPI CancelPendingReadShare(PDEVICE_OBJECT DeviceObject, PIRP Irp)
+{
+    UNREFERENCED_PARAMETER(DeviceObject);
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter CancelPendingReadShare\n");
+    IoReleaseCancelSpinLock(Irp->CancelIrql);
+    InterlockedCompareExchangePointer((PVOID volatile *)&g_pGlobal->m_pPendingReadIrp, NULL, Irp);
+    Irp->IoStatus.Status = STATUS_CANCELLED;
+    Irp->IoStatus.Information = 0;
+    IoSetCancelRoutine(Irp, NULL);
+    IoCompleteRequest(Irp, IO_NO_INCREMENT);
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave CancelPendingReadShare\n");
+}
+
+/*
+ * NdisFilter_IOCtrlReadShare - READ_SHARE: parks the request while the output
+ * ring is empty (one at a time), answers at once when blocks are waiting.
+ * Only the share's owner may read. IRQL = PASSIVE_LEVEL.
+ */
+EXTERN_C NTSTATUS NdisFilter_IOCtrlReadShare(PIRP Irp)
+{
+    PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter NdisFilter_IOCtrlReadShare\n");
+    if (fileObject != g_pGlobal->m_FileObject) {
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "SharedMemory is not opened by FileObject 0x%p\n", (PVOID)fileObject);
+        Irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_IOCtrlReadShare, STATUS_UNSUCCESSFUL\n");
+        return STATUS_UNSUCCESSFUL;
+    }
+
+    NTSTATUS status = STATUS_SUCCESS;
+    {
+        NfWriteLock lock(&g_pGlobal->m_PendingReadLock);
+        if (g_pGlobal->m_pSharedMemory != NULL && RingEmpty(&g_pGlobal->m_pSharedMemory->KernelModeOutput)) {
+            if (g_pGlobal->m_pPendingReadIrp != NULL) {
+                status = STATUS_UNSUCCESSFUL;
+            } else {
+                IoSetCancelRoutine(Irp, CancelPendingReadShare);
+                IoMarkIrpPending(Irp);
+                Irp->IoStatus.Status = STATUS_PENDING;
+                InterlockedExchangePointer((PVOID volatile *)&g_pGlobal->m_pPendingReadIrp, Irp);
+                status = STATUS_PENDING;
+            }
+        }
+    }
+    if (status == STATUS_PENDING)
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_IOCtrlReadShare, STATUS_PENDING\n");
+    else if (status == STATUS_SUCCESS)
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_IOCtrlReadShare, STATUS_SUCCESS\n");
+    else
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_IOCtrlReadShare, STATUS_UNSUCCESSFUL\n");
+    return status;
+}
+
+/* NdisFilter_IOCtrlWriteShare - WRITE_SHARE: wakes the share thread for the owner's new input blocks. */
+EXTERN_C NTSTATUS NdisFilter_IOCtrlWriteShare(PIRP Irp)
+{
+    PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
+    NTSTATUS status = STATUS_SUCCESS;
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter NdisFilter_IOCtrlWriteShare\n");
+    if (fileObject == g_pGlobal->m_FileObject && fileObject != NULL) {
+        NdisSetEvent(&g_pGlobal->m_ShareMemoryEvent);
+    } else {
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "SharedMemory is not opened by FileObject 0x%p\n", (PVOID)fileObject);
+        status = STATUS_UNSUCCESSFUL;
+    }
+    NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_IOCtrlWriteShare\n");
+    return status;
+}
+
+/*
+ * ShareMemoryThread - serves the input ring: turns each block into a packet
+ * and sends it through the inject chain of its direction (3: straight back to
+ * the output ring); sleeps on m_ShareMemoryEvent when the ring is empty and
+ * leaves once m_bStopShare is set. IRQL = PASSIVE_LEVEL, priority 16.
  */
 EXTERN_C VOID NTAPI ShareMemoryThread(PVOID StartContext)
 {
@@ -188,8 +499,33 @@ EXTERN_C VOID NTAPI ShareMemoryThread(PVOID StartContext)
     NdisFilter_WorkerThreadEnter();
 
     while (!global->m_bStopShare) {
-        NdisWaitEvent(&global->m_ShareMemoryEvent, NF_WORKER_EXIT_WAIT_MS);
-        NdisResetEvent(&global->m_ShareMemoryEvent);
+        PFilterPacket packet = NdisFilter_ReadShareMemory();
+        if (packet == NULL) {
+            NdisWaitEvent(&global->m_ShareMemoryEvent, NF_WORKER_EXIT_WAIT_MS);
+            NdisResetEvent(&global->m_ShareMemoryEvent);
+            continue;
+        }
+        switch (packet->m_nDirection) {
+        case FILTER_DIRECTION_TO_PROTOCOL:
+        case FILTER_DIRECTION_TO_ADAPTER:
+            if (packet->m_hAdapter == NULL) {
+                Filter_ReleasePacket(packet);
+                break;
+            }
+            Filter_InitPacketHeader(packet, NULL);
+            Filter_DumpPacket(">> Injected Packet", packet);
+            Filter_InvokeFilters(packet->m_nDirection == FILTER_DIRECTION_TO_PROTOCOL ? FILTER_TYPE_INJECT_TO_PROTOCOL
+                                                                                   : FILTER_TYPE_INJECT_TO_ADAPTER,
+                                 packet);
+            break;
+        case FILTER_DIRECTION_TO_APPLICATION:
+            NdisFilter_WriteShareMemory(packet);
+            Filter_ReleasePacket(packet);
+            break;
+        default:
+            Filter_ReleasePacket(packet);
+            break;
+        }
     }
 
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave ShareMemoryThread\n");

@@ -378,10 +378,6 @@ NDISFILTER_API FILTER_STATUS NTAPI Filter_EnumFilter(PFilterDriver FilterDriver,
 NDISFILTER_API FILTER_STATUS NTAPI Filter_DumpFilter(FILTER_TYPE Type);
 NDISFILTER_API FILTER_STATUS NTAPI Filter_ShowFilter(PPacketFilter Filter, LONG Position);
 
-/* Where a packet is heading. */
-#define FILTER_DIRECTION_TO_PROTOCOL    1
-#define FILTER_DIRECTION_TO_ADAPTER     2
-#define FILTER_DIRECTION_TO_APPLICATION 3
 
 #define FILTER_PACKET_DATA_SIZE 1648
 
@@ -561,63 +557,39 @@ NDISFILTER_API BOOLEAN NTAPI Filter_VerifyPacketCheckSum(PFilterPacket Packet);
 NDISFILTER_API FILTER_STATUS NTAPI Filter_ClonePacket(PFilterPacket Packet, PFilterPacket *Clone);
 
 /* ------------------------------------------------------------------------
- * The memory shared with the user program: two rings of packet blocks.
- *
- *   MappedMemory                     (1724520 bytes, one non-paged allocation)
- *   +0   m_pUserModeVirtualAddress   user address of the mapping, 0 when unmapped
- *   +8   m_pMdl                      the MDL describing the whole allocation
- *   +16  m_nSize                     sizeof(SharedMemory)
- *   +20  m_SharedMemory              what START_SHARE hands to the program:
- *          +0       KernelModeOutput   ring header: framework writes, program reads
- *          +40      KernelModeInput    ring header: program writes, framework reads
- *          +80      512 output blocks
- *          +862288  512 input blocks
- *
- * Ring indexes: the framework writes m_iRead of the input ring and m_iWrite
- * and m_nCount of the output ring; the program writes the other index of
- * each. Empty when m_iRead == m_iWrite; full when (m_iWrite + 1) % count ==
- * m_iRead, so at most 511 blocks are in flight.
+ * Filter invocation, injection and indication. Every operation that takes a
+ * packet takes it over, also on failure, except
+ * Filter_IndicatePacketToApplication, which copies it.
  * ------------------------------------------------------------------------ */
 
-#define SHARED_BLOCK_SIZE        1684
-#define SHARED_BLOCK_COUNT       512
-#define SHARED_BLOCK_FRAME_SIZE  1520
-#define SHARED_MEMORY_SIZE       1724496
-#define MAPPED_MEMORY_SIZE       1724520
-#define SHARED_MEMORY_OFFSET     20
+/* Runs the whole chain of `Type`; a packet every filter bypasses is delivered. */
+NDISFILTER_API VOID NTAPI Filter_InvokeFilters(FILTER_TYPE Type, PFilterPacket Packet);
+/* Runs the part of the chain holding `Filter` that `Method` selects, then delivers. */
+NDISFILTER_API VOID NTAPI Filter_InvokeFiltersEx(FILTER_METHOD Method, PPacketFilter Filter, PFilterPacket Packet);
 
-#pragma pack(push, 4)
-typedef struct _SharedBlock {
-    ULONG m_nAdapterId;
-    ULONG m_Unused;          /* not written by the framework */
-    ULONG m_nDirection;
-    ULONG m_nPacketSize;     /* frame bytes in m_Frame */
-    ULONG m_dwCarried[2];    /* carried unchanged to and from the packet */
-    ULONG m_nIndicateCode;
-    ULONG64 m_nIndicateValue;
-    UCHAR m_ApplicationData[128];
-    UCHAR m_Frame[SHARED_BLOCK_FRAME_SIZE];
-} SharedBlock, *PSharedBlock;
+/* Final deliveries: to the hook driver, for the adapter or the protocols. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_InjectPacketToAdapterEx(PFilterAdapter Adapter, PFilterPacket Packet);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_IndicatePacketToProtocolEx(PFilterAdapter Adapter, PFilterPacket Packet);
+/* Immediate: the inject chain of the direction runs in the caller's context. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_InjectPacketToAdapter(PFilterAdapter Adapter, PFilterPacket Packet);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_IndicatePacketToProtocol(PFilterAdapter Adapter, PFilterPacket Packet);
+/* Deferred: queued for an injected-packet worker thread. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_IndicatePacketFromAdapter(PFilterAdapter Adapter, PFilterPacket Packet);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_InjectPacketFromProtocol(PFilterAdapter Adapter, PFilterPacket Packet);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_InjectPacketFromApplication(PFilterAdapter Adapter, PFilterPacket Packet,
+                                                                      ULONG Direction);
+/* A consumed packet handed back into its chain at `Filter`, as `Method` says. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_InjectPacketFromFilter(FILTER_METHOD Method, PPacketFilter Filter,
+                                                                 PFilterPacket Packet);
+/* Copies the packet, with a code and a value, into the user program's output ring. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_IndicatePacketToApplication(PFilterPacket Packet, ULONG Code,
+                                                                      ULONG64 Value);
+/* Copies a FILTER_SIGNAL_SIZE-byte signal record into the output ring. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_IndicateSignalToApplication(PVOID Signal);
+NDISFILTER_API LONG NTAPI Filter_GetInjectPacketCount(VOID);
+NDISFILTER_API VOID NTAPI Filter_SetPendingPacketLimit(ULONG Limit);
 
-typedef struct _SharedBlockRing {
-    LONG m_iBlockSize;     /* 1684 */
-    LONG m_iBlockCount;    /* 512 */
-    LONG m_iBaseOffset;    /* first block's offset from the start of the block area */
-    ULONG64 m_puBlockBase; /* left to the program */
-    ULONG64 m_pkBlockBase; /* kernel address of the first block */
-    volatile LONG m_iRead;
-    volatile LONG m_iWrite;
-    volatile LONG m_nCount; /* starts at 512, +1 per block the framework writes */
-} SharedBlockRing, *PSharedBlockRing;
-
-typedef struct _SharedMemory {
-    SharedBlockRing KernelModeOutput;
-    SharedBlockRing KernelModeInput;
-    SharedBlock m_OutputBlocks[SHARED_BLOCK_COUNT];
-    SharedBlock m_InputBlocks[SHARED_BLOCK_COUNT];
-} SharedMemory, *PSharedMemory;
-
-#pragma pack(pop)
+#include "ndisfilter-shared.h"
 
 /* Natural alignment: the allocation ends 4 bytes behind m_SharedMemory. */
 struct _MappedMemory {
@@ -627,54 +599,8 @@ struct _MappedMemory {
     SharedMemory m_SharedMemory;
 };
 
-NDISFILTER_LAYOUT(sizeof(SharedBlock) == SHARED_BLOCK_SIZE);
-NDISFILTER_LAYOUT(sizeof(SharedBlockRing) == 40);
-NDISFILTER_LAYOUT(sizeof(SharedMemory) == SHARED_MEMORY_SIZE);
 NDISFILTER_LAYOUT(sizeof(MappedMemory) == MAPPED_MEMORY_SIZE);
 NDISFILTER_LAYOUT(FIELD_OFFSET(MappedMemory, m_SharedMemory) == SHARED_MEMORY_OFFSET);
-NDISFILTER_LAYOUT(FIELD_OFFSET(SharedMemory, m_InputBlocks) == 862288);
-NDISFILTER_LAYOUT(FIELD_OFFSET(SharedBlock, m_nIndicateValue) == 28);
-NDISFILTER_LAYOUT(FIELD_OFFSET(SharedBlock, m_Frame) == 164);
-
-/* ------------------------------------------------------------------------
- * Control device and control codes.
- * ------------------------------------------------------------------------ */
-
-#define NDISFILTER_DEVICE_NAME  L"\\Device\\NdisFilter"
-#define NDISFILTER_SYMBOLIC_LINK L"\\DosDevices\\NdisFilter"
-#define NDISFILTER_USER_DEVICE  "\\\\.\\NdisFilter"
-
-#define NDISFILTER_DEVICE_TYPE 0x8000
-/* CTL_CODE(0x8000, function, METHOD_BUFFERED, FILE_ANY_ACCESS), as an unsigned 32-bit value. */
-#define NDISFILTER_CTL_CODE(function)                                                            \
-    ((ULONG)(((ULONG)NDISFILTER_DEVICE_TYPE << 16) | ((ULONG)FILE_ANY_ACCESS << 14) |            \
-             ((ULONG)(function) << 2) | (ULONG)METHOD_BUFFERED))
-
-#define IOCTL_NDIS_FILTER_DIAG                    NDISFILTER_CTL_CODE(0x802) /* 0x80002008 */
-#define IOCTL_NDIS_FILTER_GET_VERSION             NDISFILTER_CTL_CODE(0x8C8) /* 0x80002320 */
-#define IOCTL_NDIS_FILTER_START_SHARE             NDISFILTER_CTL_CODE(0x8C9)
-#define IOCTL_NDIS_FILTER_STOP_SHARE              NDISFILTER_CTL_CODE(0x8CA)
-#define IOCTL_NDIS_FILTER_READ_SHARE              NDISFILTER_CTL_CODE(0x8CB)
-#define IOCTL_NDIS_FILTER_WRITE_SHARE             NDISFILTER_CTL_CODE(0x8CC)
-#define IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES    NDISFILTER_CTL_CODE(0x8CD)
-#define IOCTL_NDIS_FILTER_GET_EVENT               NDISFILTER_CTL_CODE(0x8CE)
-#define IOCTL_NDIS_FILTER_CLEAR_EVENT             NDISFILTER_CTL_CODE(0x8CF)
-#define IOCTL_NDIS_FILTER_START_ETHRLOG           NDISFILTER_CTL_CODE(0x8D0)
-#define IOCTL_NDIS_FILTER_STOP_ETHRLOG            NDISFILTER_CTL_CODE(0x8D1)
-#define IOCTL_NDIS_FILTER_SET_IPCONFIG            NDISFILTER_CTL_CODE(0x8D2)
-#define IOCTL_NDIS_FILTER_GET_IPCONFIG            NDISFILTER_CTL_CODE(0x8D3)
-#define IOCTL_NDIS_FILTER_SET_MEDIA_STATUS        NDISFILTER_CTL_CODE(0x8D4)
-#define IOCTL_NDIS_FILTER_GET_MEDIA_STATUS        NDISFILTER_CTL_CODE(0x8D5)
-#define IOCTL_NDIS_FILTER_GET_DBGFLAG             NDISFILTER_CTL_CODE(0x8D6)
-#define IOCTL_NDIS_FILTER_SET_PACKET_DUMP         NDISFILTER_CTL_CODE(0x8D7)
-#define IOCTL_NDIS_FILTER_GET_PACKET_DUMP         NDISFILTER_CTL_CODE(0x8D8)
-#define IOCTL_NDIS_FILTER_GET_ADAPTER             NDISFILTER_CTL_CODE(0x8D9)
-#define IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE    NDISFILTER_CTL_CODE(0x8DA)
-#define IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION   NDISFILTER_CTL_CODE(0x8DE)
-#define IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL  NDISFILTER_CTL_CODE(0x8DF) /* 0x8000237C */
-
-#define IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK   NDISFILTER_CTL_CODE(0x900) /* 0x80002400 */
-#define IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK NDISFILTER_CTL_CODE(0x901) /* 0x80002404 */
 
 #ifdef __cplusplus
 }
