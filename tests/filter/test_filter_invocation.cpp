@@ -1,0 +1,344 @@
+/*
+ * Filters on the packet path: verdicts, counters, the partial walks of
+ * Filter_InvokeFiltersEx and the injected-packet queues. Frames come from the
+ * simulated hook driver, whose accounting checks that every packet comes
+ * back exactly once.
+ */
+#include "hook_fixture.h"
+#include "ndisfilter-records.h"
+#include "packets.h"
+
+#include <windows.h>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <string>
+
+namespace {
+
+/* What a test filter does with a packet. */
+struct Behaviour {
+    std::string name;
+    FILTER_RESULT verdict = FILTER_RESULT_BYPASS;
+    bool fault = false;
+    std::vector<std::string> *log = nullptr;
+    std::vector<PFilterPacket> *kept = nullptr;
+    std::mutex *lock = nullptr;
+    std::atomic<bool> *hold = nullptr; /* spun on (DISPATCH_LEVEL: no waiting) before answering, once */
+    std::vector<ULONG_PTR> *origins = nullptr;
+};
+
+const UCHAR *UnreadablePage()
+{
+    static void *page = mmap(nullptr, sysconf(_SC_PAGESIZE), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return (const UCHAR *)page;
+}
+
+FILTER_RESULT NTAPI Behave(PFilterDriver, PVOID, PPacketFilter, PVOID context, PFilterPacket packet)
+{
+    Behaviour *behaviour = static_cast<Behaviour *>(context);
+    if (behaviour->lock != nullptr) {
+        std::lock_guard<std::mutex> guard(*behaviour->lock);
+        if (behaviour->log != nullptr)
+            behaviour->log->push_back(behaviour->name);
+        if (behaviour->origins != nullptr)
+            behaviour->origins->push_back(packet->m_InjectOrigin);
+    }
+    if (behaviour->hold != nullptr) {
+        std::atomic<bool> *hold = behaviour->hold;
+        behaviour->hold = nullptr;
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (!hold->load() && std::chrono::steady_clock::now() < deadline)
+            YieldProcessor();
+    }
+    if (behaviour->fault)
+        return (FILTER_RESULT)*(volatile const UCHAR *)UnreadablePage();
+    if (behaviour->verdict == FILTER_RESULT_CONSUME && behaviour->kept != nullptr) {
+        std::lock_guard<std::mutex> guard(*behaviour->lock);
+        behaviour->kept->push_back(packet);
+    }
+    return behaviour->verdict;
+}
+
+class FilterInvocation : public hooktest::HookTest {
+protected:
+    void SetUp() override
+    {
+        LoadBoth(true);
+        m_adapter = OpenAdapter(1);
+        STRING name;
+        RtlInitAnsiString(&name, "invocation-test");
+        ASSERT_EQ(Filter_RegisterDriver(&name, nullptr, 1, 0, &m_driver), FILTER_STATUS_SUCCESS);
+    }
+    void TearDown() override
+    {
+        for (PFilterPacket packet : m_kept)
+            Filter_ReleasePacket(packet);
+        if (m_driver != nullptr)
+            Filter_DeregisterDriver(m_driver);
+        hooktest::HookTest::TearDown();
+    }
+
+    PPacketFilter AddFilter(const std::string &name, FILTER_TYPE type, FILTER_ORDER order,
+                            FILTER_RESULT verdict = FILTER_RESULT_BYPASS, bool fault = false)
+    {
+        m_behaviours.emplace_back(new Behaviour());
+        Behaviour *behaviour = m_behaviours.back().get();
+        behaviour->name = name;
+        behaviour->verdict = verdict;
+        behaviour->fault = fault;
+        behaviour->log = &m_log;
+        behaviour->kept = &m_kept;
+        behaviour->lock = &m_lock;
+        behaviour->origins = &m_origins;
+        STRING counted;
+        RtlInitAnsiString(&counted, m_behaviours.back()->name.c_str());
+        PPacketFilter filter = nullptr;
+        EXPECT_EQ(Filter_RegisterFilter(m_driver, &counted, Behave, behaviour, type, order, &filter),
+                  FILTER_STATUS_SUCCESS);
+        return filter;
+    }
+
+    void Receive(const nftest::Frame &frame)
+    {
+        ASSERT_EQ(NdisHookReceiveFrame(m_adapter, frame.data(), (ULONG)frame.size(), nullptr), STATUS_SUCCESS);
+    }
+
+    ULONG Delivered(ULONG direction) { return NdisHookDeliveredCount(m_adapter, direction); }
+
+    std::vector<std::string> Log()
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_log;
+    }
+
+    /* Waits until the hook driver has every packet back (queued packets take a worker's turn). */
+    void WaitForQuiet()
+    {
+        for (int i = 0; i < 500 && (Filter_GetInjectPacketCount() != 0 || NdisHookPacketsOutstanding() != (LONG)m_kept.size()); i++)
+            Sleep(2);
+    }
+
+    PFilterAdapter m_adapter = nullptr;
+    PFilterDriver m_driver = nullptr;
+    std::vector<std::unique_ptr<Behaviour>> m_behaviours;
+    std::vector<std::string> m_log;
+    std::vector<PFilterPacket> m_kept;
+    std::vector<ULONG_PTR> m_origins;
+    std::mutex m_lock;
+};
+
+/* An IPv4/UDP frame from `source` to `destination` (first octets only differ). */
+nftest::Frame UdpFrame(UCHAR sourceOctet, UCHAR destinationOctet)
+{
+    nftest::Frame frame = nftest::CaseFrame(11); /* DNS query */
+    frame[26] = sourceOctet, frame[27] = 0, frame[28] = 0, frame[29] = 1;
+    frame[30] = destinationOctet, frame[31] = 0, frame[32] = 0, frame[33] = 2;
+    return frame;
+}
+
+} // namespace
+
+TEST_F(FilterInvocation, AnEmptyChainDeliversReceivedAndSentFramesUnchanged)
+{
+    nftest::Frame frame = nftest::CaseFrame(8);
+    Receive(frame);
+    ASSERT_EQ(NdisHookSendFrame(m_adapter, frame.data(), (ULONG)frame.size(), nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), 1u);
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_ADAPTER), 1u);
+    EXPECT_EQ(ndishook::DeliveredFrames(m_adapter, FILTER_DIRECTION_TO_PROTOCOL).at(0), frame);
+}
+
+TEST_F(FilterInvocation, EachVerdictDecidesThePacketsFateAndIsCounted)
+{
+    PPacketFilter bypass = AddFilter("bypass", FILTER_TYPE_INCOMING_PACKET, 1);
+    PPacketFilter judge = AddFilter("judge", FILTER_TYPE_INCOMING_PACKET, 2, FILTER_RESULT_DISCARD);
+    Behaviour *judgement = m_behaviours.back().get();
+    PPacketFilter after = AddFilter("after", FILTER_TYPE_INCOMING_PACKET, 3);
+
+    m_adapter->m_bPacketDump = TRUE;
+    HkDebugClearCapture();
+    Receive(nftest::CaseFrame(8));
+    m_adapter->m_bPacketDump = FALSE;
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), 0u);
+    EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
+    auto lines = nftest::TakeTrace();
+    bool dumped = false;
+    for (const auto &line : lines)
+        dumped |= line.rfind("DD Filter Discard, Size = ", 0) == 0;
+    EXPECT_TRUE(dumped);
+
+    judgement->verdict = FILTER_RESULT_CAPTURE;
+    HkDebugClearCapture();
+    Receive(nftest::CaseFrame(8));
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), 0u);
+    EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
+
+    judgement->verdict = FILTER_RESULT_CONSUME;
+    Receive(nftest::CaseFrame(8));
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), 0u);
+    EXPECT_EQ(NdisHookPacketsOutstanding(), 1); /* kept by the filter */
+
+    judgement->verdict = FILTER_RESULT_BYPASS;
+    Receive(nftest::CaseFrame(8));
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), 1u);
+
+    EXPECT_EQ(Log(), (std::vector<std::string>{"bypass", "judge", "bypass", "judge", "bypass", "judge", "bypass",
+                                               "judge", "after"}));
+    EXPECT_EQ(bypass->m_PacketProcess, 4);
+    EXPECT_EQ(bypass->m_PacketBypass, 4);
+    EXPECT_EQ(judge->m_PacketProcess, 4);
+    EXPECT_EQ(judge->m_PacketDiscard, 1);
+    EXPECT_EQ(judge->m_PacketCapture, 1);
+    EXPECT_EQ(judge->m_PacketConsume, 1);
+    EXPECT_EQ(judge->m_PacketBypass, 1);
+    EXPECT_EQ(after->m_PacketProcess, 1);
+}
+
+TEST_F(FilterInvocation, AnUnknownVerdictAndAFaultingFilterBothMoveOnToTheNextFilter)
+{
+    PPacketFilter odd = AddFilter("odd", FILTER_TYPE_OUTGOING_PACKET, 1, (FILTER_RESULT)7);
+    PPacketFilter faulty = AddFilter("faulty", FILTER_TYPE_OUTGOING_PACKET, 2, FILTER_RESULT_BYPASS, true);
+    AddFilter("last", FILTER_TYPE_OUTGOING_PACKET, 3);
+    HkDebugClearCapture();
+    nftest::Frame frame = nftest::CaseFrame(9);
+    ASSERT_EQ(NdisHookSendFrame(m_adapter, frame.data(), (ULONG)frame.size(), nullptr), STATUS_SUCCESS);
+
+    EXPECT_EQ(Log(), (std::vector<std::string>{"odd", "faulty", "last"}));
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_ADAPTER), 1u);
+    EXPECT_EQ(odd->m_PacketProcess, 1);
+    EXPECT_EQ(odd->m_PacketBypass + odd->m_PacketDiscard + odd->m_PacketConsume + odd->m_PacketCapture, 0);
+    EXPECT_EQ(faulty->m_PacketProcess, 1);
+    EXPECT_EQ(faulty->m_PacketBypass, 0);
+    bool reported = false;
+    for (const auto &line : nftest::TakeTrace())
+        reported |= line.rfind("  Filter_InvokeFilters: exception, code = -1073741819, pPacket=0x", 0) == 0;
+    EXPECT_TRUE(reported);
+}
+
+TEST_F(FilterInvocation, EveryMethodRunsExactlyItsPartOfTheChain)
+{
+    PPacketFilter a = AddFilter("A", FILTER_TYPE_INCOMING_PACKET, 1);
+    PPacketFilter b = AddFilter("B", FILTER_TYPE_INCOMING_PACKET, 2);
+    PPacketFilter c = AddFilter("C", FILTER_TYPE_INCOMING_PACKET, 3);
+    PPacketFilter elsewhere = AddFilter("X", FILTER_TYPE_OUTGOING_PACKET, 1);
+    /* A filter of the same type that is no longer in the chain. */
+    PPacketFilter gone = AddFilter("gone", FILTER_TYPE_INCOMING_PACKET, 9);
+    RemoveEntryList(&gone->m_ListEntry);
+    InitializeListHead(&gone->m_ListEntry);
+
+    struct Case {
+        FILTER_METHOD method;
+        PPacketFilter given;
+        std::vector<std::string> runs;
+    } cases[] = {
+        {FILTER_METHOD_START_FROM_FIRST_FILTER, b, {"A", "B", "C"}},
+        {FILTER_METHOD_START_UNTIL_THIS_FILTER, a, {"A"}},
+        {FILTER_METHOD_START_UNTIL_THIS_FILTER, b, {"A", "B"}},
+        {FILTER_METHOD_START_UNTIL_THIS_FILTER, c, {"A", "B", "C"}},
+        {FILTER_METHOD_STOP_AT_THIS_FILTER, a, {}},
+        {FILTER_METHOD_STOP_AT_THIS_FILTER, b, {"A"}},
+        {FILTER_METHOD_STOP_AT_THIS_FILTER, c, {"A", "B"}},
+        {FILTER_METHOD_START_FROM_THIS_FILTER, a, {"A", "B", "C"}},
+        {FILTER_METHOD_START_FROM_THIS_FILTER, c, {"C"}},
+        {FILTER_METHOD_START_AFTER_THIS_FILTER, a, {"B", "C"}},
+        {FILTER_METHOD_START_AFTER_THIS_FILTER, c, {}},
+        {(FILTER_METHOD)9, b, {"B", "C"}},
+        {FILTER_METHOD_START_UNTIL_THIS_FILTER, gone, {"A", "B", "C"}},
+        {FILTER_METHOD_START_AFTER_THIS_FILTER, gone, {}},
+    };
+    ULONG delivered = 0;
+    for (const Case &test : cases) {
+        SCOPED_TRACE(std::string(Filter_MethodString(test.method)) + " at " + test.given->m_FilterName.Buffer);
+        m_log.clear();
+        PFilterPacket packet = Filter_AllocatePacket(m_adapter);
+        ASSERT_NE(packet, nullptr);
+        Filter_InvokeFiltersEx(test.method, test.given, packet);
+        EXPECT_EQ(Log(), test.runs);
+        EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), ++delivered);
+    }
+
+    /* The walk follows the given filter's own chain. */
+    m_log.clear();
+    Filter_InvokeFiltersEx(FILTER_METHOD_START_FROM_FIRST_FILTER, elsewhere, Filter_AllocatePacket(m_adapter));
+    EXPECT_EQ(Log(), (std::vector<std::string>{"X"}));
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_ADAPTER), 1u);
+
+    /* An invalid filter handle releases the packet. */
+    ULONG bogus[16] = {0};
+    Filter_InvokeFiltersEx(FILTER_METHOD_START_FROM_FIRST_FILTER, (PPacketFilter)bogus, Filter_AllocatePacket(m_adapter));
+    EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), delivered);
+
+    InsertTailList(&g_pGlobal->m_PacketFilterList[FILTER_TYPE_INCOMING_PACKET], &gone->m_ListEntry);
+}
+
+TEST_F(FilterInvocation, QueuesAreChosenByAddressParityAndKeepTheirOrder)
+{
+    /* The first packet of queue 0 holds its worker; the packets behind it wait, the other queue does not. */
+    std::atomic<bool> hold{false};
+    AddFilter("gate", FILTER_TYPE_INCOMING_PACKET, 1);
+    m_behaviours.back()->hold = &hold;
+
+    auto queued = [&](UCHAR source, UCHAR destination) {
+        PFilterPacket packet = Filter_AllocatePacket(m_adapter);
+        nftest::Frame frame = UdpFrame(source, destination);
+        memcpy(packet->m_Data, frame.data(), frame.size());
+        packet->m_nPacketSize = packet->m_nBytesRead = (ULONG)frame.size();
+        Filter_InitPacketHeader(packet, nullptr);
+        EXPECT_EQ(Filter_IndicatePacketFromAdapter(m_adapter, packet), FILTER_STATUS_SUCCESS);
+    };
+    queued(10, 10); /* queue 0: held at the gate */
+    for (int i = 0; i < 200 && Log().empty(); i++)
+        Sleep(2);
+    ASSERT_EQ(Log().size(), 1u);
+    queued(10, 10); /* the reply direction of the same pair: queue 0 as well */
+    queued(11, 10); /* queue 1 */
+    for (int i = 0; i < 500 && Delivered(FILTER_DIRECTION_TO_PROTOCOL) < 1; i++)
+        Sleep(2);
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), 1u); /* only the queue-1 packet got through */
+    EXPECT_EQ(Filter_GetInjectPacketCount(), 1);
+
+    hold = true;
+    WaitForQuiet();
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), 3u);
+    auto frames = ndishook::DeliveredFrames(m_adapter, FILTER_DIRECTION_TO_PROTOCOL);
+    EXPECT_EQ(frames[0][26], 11);
+    EXPECT_EQ(frames[1][26], 10);
+    EXPECT_EQ(Filter_GetInjectPacketCount(), 0);
+}
+
+TEST_F(FilterInvocation, AConsumedPacketHandedBackRunsFromTheFiltersSuccessor)
+{
+    PPacketFilter consumer = AddFilter("consumer", FILTER_TYPE_INCOMING_PACKET, 1, FILTER_RESULT_CONSUME);
+    AddFilter("successor", FILTER_TYPE_INCOMING_PACKET, 2);
+    Receive(nftest::CaseFrame(4));
+    ASSERT_EQ(m_kept.size(), 1u);
+    PFilterPacket packet = m_kept.back();
+    m_kept.clear();
+
+    ASSERT_EQ(Filter_InjectPacketFromFilter(FILTER_METHOD_START_AFTER_THIS_FILTER, consumer, packet),
+              FILTER_STATUS_SUCCESS);
+    WaitForQuiet();
+    EXPECT_EQ(Log(), (std::vector<std::string>{"consumer", "successor"}));
+    EXPECT_EQ(m_origins.back(), (ULONG_PTR)0x80000004u);
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), 1u);
+    EXPECT_EQ(Filter_InjectPacketFromFilter(FILTER_METHOD_START_AFTER_THIS_FILTER, nullptr, nullptr),
+              FILTER_ERROR_INVALID_ARGUMENT);
+}
+
+TEST_F(FilterInvocation, DeliveryWithTheHookUnboundReleasesThePacket)
+{
+    PFilterPacket packet = Filter_AllocatePacket(m_adapter);
+    ASSERT_EQ(NdisHookUnbind(), STATUS_SUCCESS);
+    EXPECT_EQ(Filter_InjectPacketToAdapterEx(m_adapter, packet), FILTER_ERROR_INTERFACE_NOT_ACTIVE);
+    ASSERT_EQ(NdisHookBind(), STATUS_SUCCESS);
+    /* Released while unbound, nothing reached the hook driver's free: it is still out. */
+    EXPECT_EQ(NdisHookPacketsOutstanding(), 1);
+    Filter_ReleasePacket(packet);
+    EXPECT_EQ(Filter_InjectPacketToAdapterEx(m_adapter, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+}
