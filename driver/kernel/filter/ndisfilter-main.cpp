@@ -322,22 +322,35 @@ VOID NdisFilter_WorkerThreadLeave(VOID)
 
 /* ---- dispatch routines ---- */
 
+namespace {
+
+/* The requests that need nothing but completion: traced and completed with success. */
+NTSTATUS CompleteTraced(PCSTR Name, PIRP Irp)
+{
+    NF_TRACE(NF_DBG_CORE, "Enter %s\n", Name);
+    NTSTATUS status = CompleteRequest(Irp, STATUS_SUCCESS, 0);
+    NF_TRACE(NF_DBG_CORE, "Leave %s\n", Name);
+    return status;
+}
+
+} // namespace
+
 EXTERN_C NTSTATUS NTAPI NdisFilterOpen(PDEVICE_OBJECT DeviceObject, PIRP Irp)
 {
     UNREFERENCED_PARAMETER(DeviceObject);
-    NF_TRACE(NF_DBG_CORE, "Enter NdisFilterOpen\n");
-    NTSTATUS status = CompleteRequest(Irp, STATUS_SUCCESS, 0);
-    NF_TRACE(NF_DBG_CORE, "Leave NdisFilterOpen\n");
-    return status;
+    return CompleteTraced("NdisFilterOpen", Irp);
 }
 
 EXTERN_C NTSTATUS NTAPI NdisFilterClose(PDEVICE_OBJECT DeviceObject, PIRP Irp)
 {
     UNREFERENCED_PARAMETER(DeviceObject);
-    NF_TRACE(NF_DBG_CORE, "Enter NdisFilterClose\n");
-    NTSTATUS status = CompleteRequest(Irp, STATUS_SUCCESS, 0);
-    NF_TRACE(NF_DBG_CORE, "Leave NdisFilterClose\n");
-    return status;
+    return CompleteTraced("NdisFilterClose", Irp);
+}
+
+EXTERN_C NTSTATUS NTAPI NdisFilterShutdown(PDEVICE_OBJECT DeviceObject, PIRP Irp)
+{
+    UNREFERENCED_PARAMETER(DeviceObject);
+    return CompleteTraced("NdisFilterShutdown", Irp);
 }
 
 /* A process that closes its handle gives the share back. */
@@ -348,14 +361,5 @@ EXTERN_C NTSTATUS NTAPI NdisFilterCleanup(PDEVICE_OBJECT DeviceObject, PIRP Irp)
     NdisFilter_StopShare(Irp);
     NTSTATUS status = CompleteRequest(Irp, STATUS_SUCCESS, 0);
     NF_TRACE(NF_DBG_CORE, "Leave NdisFilterCleanup\n");
-    return status;
-}
-
-EXTERN_C NTSTATUS NTAPI NdisFilterShutdown(PDEVICE_OBJECT DeviceObject, PIRP Irp)
-{
-    UNREFERENCED_PARAMETER(DeviceObject);
-    NF_TRACE(NF_DBG_CORE, "Enter NdisFilterShutdown\n");
-    NTSTATUS status = CompleteRequest(Irp, STATUS_SUCCESS, 0);
-    NF_TRACE(NF_DBG_CORE, "Leave NdisFilterShutdown\n");
     return status;
 }

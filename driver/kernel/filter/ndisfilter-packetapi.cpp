@@ -217,6 +217,34 @@ EXTERN_C VOID NTAPI NdisFilter_FilterSendPacket(PFilterPacket Packet)
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_FilterSendPacket\n");
 }
 
+/* ---- entries that take a packet over ---- */
+
+namespace {
+
+/*
+ * The frame of every entry that takes a packet over: a missing packet is
+ * refused; a packet without its target (adapter or filter) is released, since
+ * the packet is the entry's also on failure; otherwise `Take` does the work
+ * and answers the status.
+ */
+template <typename Take>
+FILTER_STATUS TakePacket(PCSTR Name, PVOID Target, PFilterPacket Packet, Take &&take)
+{
+    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+    NfStatusTrace trace(NF_DBG_PACKET, Name, status);
+    if (Packet == NULL) {
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+    } else if (Target == NULL) {
+        Filter_ReleasePacket(Packet);
+        status = FILTER_ERROR_INVALID_ARGUMENT;
+    } else {
+        status = take();
+    }
+    return status;
+}
+
+} // namespace
+
 /* ---- final deliveries ---- */
 
 namespace {
@@ -229,35 +257,26 @@ namespace {
 FILTER_STATUS DeliverToHook(PCSTR Name, PCSTR ExceptionName, PCSTR Marker, BOOLEAN ToAdapter, PFilterAdapter Adapter,
                             PFilterPacket Packet)
 {
-    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
-    NfStatusTrace trace(NF_DBG_PACKET, Name, status);
-    if (Packet == NULL) {
-        status = FILTER_ERROR_INVALID_ARGUMENT;
+    return TakePacket(Name, Adapter, Packet, [&]() -> FILTER_STATUS {
+        PHOOK_INJECT_PACKET inject = ToAdapter ? g_pGlobal->m_NdisHookAPI.Hook_InjectPacketToAdapter
+                                               : g_pGlobal->m_NdisHookAPI.Hook_InjectPacketToProtocol;
+        if ((g_pGlobal->m_NdisHookAPI.m_Flags & NDIS_HOOK_FLAG_BOUND) == 0 || inject == NULL) {
+            Filter_ReleasePacket(Packet);
+            return FILTER_ERROR_INTERFACE_NOT_ACTIVE;
+        }
+        FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+        LONG code = FilterGuard([&] {
+            Packet->m_hAdapter = Adapter;
+            Filter_DumpPacket(Marker, Packet);
+            if (inject(Adapter, Packet) != 0)
+                status = FILTER_ERROR_INTERNAL_ERROR;
+        });
+        if (code != 0) {
+            NF_PRINT("%s: exception, code = %d\n", ExceptionName, (int)code);
+            status = FILTER_ERROR_EXCEPTION;
+        }
         return status;
-    }
-    if (Adapter == NULL) {
-        Filter_ReleasePacket(Packet);
-        status = FILTER_ERROR_INVALID_ARGUMENT;
-        return status;
-    }
-    PHOOK_INJECT_PACKET inject = ToAdapter ? g_pGlobal->m_NdisHookAPI.Hook_InjectPacketToAdapter
-                                           : g_pGlobal->m_NdisHookAPI.Hook_InjectPacketToProtocol;
-    if ((g_pGlobal->m_NdisHookAPI.m_Flags & NDIS_HOOK_FLAG_BOUND) == 0 || inject == NULL) {
-        Filter_ReleasePacket(Packet);
-        status = FILTER_ERROR_INTERFACE_NOT_ACTIVE;
-        return status;
-    }
-    LONG code = FilterGuard([&] {
-        Packet->m_hAdapter = Adapter;
-        Filter_DumpPacket(Marker, Packet);
-        if (inject(Adapter, Packet) != 0)
-            status = FILTER_ERROR_INTERNAL_ERROR;
     });
-    if (code != 0) {
-        NF_PRINT("%s: exception, code = %d\n", ExceptionName, (int)code);
-        status = FILTER_ERROR_EXCEPTION;
-    }
-    return status;
 }
 
 } // namespace
@@ -280,19 +299,12 @@ namespace {
 
 FILTER_STATUS InjectNow(PCSTR Name, PFilterAdapter Adapter, PFilterPacket Packet, ULONG Direction, FILTER_TYPE Type)
 {
-    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
-    NfStatusTrace trace(NF_DBG_PACKET, Name, status);
-    if (Packet == NULL) {
-        status = FILTER_ERROR_INVALID_ARGUMENT;
-    } else if (Adapter == NULL) {
-        Filter_ReleasePacket(Packet);
-        status = FILTER_ERROR_INVALID_ARGUMENT;
-    } else {
+    return TakePacket(Name, Adapter, Packet, [&]() -> FILTER_STATUS {
         Packet->m_hAdapter = Adapter;
         Packet->m_nDirection = Direction;
         Filter_InvokeFilters(Type, Packet);
-    }
-    return status;
+        return FILTER_STATUS_SUCCESS;
+    });
 }
 
 } // namespace
@@ -343,21 +355,14 @@ VOID Enqueue(PFilterPacket Packet)
 
 FILTER_STATUS InjectLater(PCSTR Name, PFilterAdapter Adapter, PFilterPacket Packet, ULONG Direction, ULONG_PTR Origin)
 {
-    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
-    NfStatusTrace trace(NF_DBG_PACKET, Name, status);
-    if (Packet == NULL) {
-        status = FILTER_ERROR_INVALID_ARGUMENT;
-    } else if (Adapter == NULL) {
-        Filter_ReleasePacket(Packet);
-        status = FILTER_ERROR_INVALID_ARGUMENT;
-    } else {
+    return TakePacket(Name, Adapter, Packet, [&]() -> FILTER_STATUS {
         Packet->m_hAdapter = Adapter;
         Packet->m_nDirection = Direction;
         Packet->m_InjectOrigin = Origin;
         Packet->m_hInjectFilter = NULL;
         Enqueue(Packet);
-    }
-    return status;
+        return FILTER_STATUS_SUCCESS;
+    });
 }
 
 } // namespace
@@ -389,19 +394,12 @@ EXTERN_C FILTER_STATUS NTAPI Filter_InjectPacketFromApplication(PFilterAdapter A
 EXTERN_C FILTER_STATUS NTAPI Filter_InjectPacketFromFilter(FILTER_METHOD Method, PPacketFilter Filter,
                                                            PFilterPacket Packet)
 {
-    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
-    NfStatusTrace trace(NF_DBG_PACKET, "Filter_InjectPacketFromFilter", status);
-    if (Packet == NULL) {
-        status = FILTER_ERROR_INVALID_ARGUMENT;
-    } else if (Filter == NULL) {
-        Filter_ReleasePacket(Packet);
-        status = FILTER_ERROR_INVALID_ARGUMENT;
-    } else {
+    return TakePacket("Filter_InjectPacketFromFilter", Filter, Packet, [&]() -> FILTER_STATUS {
         Packet->m_hInjectFilter = Filter;
         Packet->m_InjectOrigin = (ULONG_PTR)(Method | NF_INJECT_FROM_FILTER);
         Enqueue(Packet);
-    }
-    return status;
+        return FILTER_STATUS_SUCCESS;
+    });
 }
 
 /* The number of packets waiting on both queues. */
