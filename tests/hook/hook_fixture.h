@@ -74,7 +74,7 @@ protected:
         }
     }
 
-    /* Opens adapter `n` (the spec lives as long as the test). */
+    /* Opens adapter `n` (its setup lives as long as the test). */
     PFilterAdapter OpenAdapter(int n, bool connected = true)
     {
         m_specs.emplace_back(new AdapterSpec(n, connected));
