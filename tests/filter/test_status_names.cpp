@@ -54,3 +54,10 @@ TEST(EnumerationNames, EveryOrderBesidesTheSentinelsIsAFixedPosition)
     EXPECT_STREQ(Filter_OrderString(-3), "FILTER_ORDER_FIXED");
     EXPECT_STREQ(Filter_OrderString(0x7FFFFFFF), "FILTER_ORDER_FIXED");
 }
+
+extern "C" unsigned PublicHeaderPacketSizeFromC(void);
+
+TEST(PublicHeader, CompilesAsC11WithTheSameLayout)
+{
+    EXPECT_EQ(PublicHeaderPacketSizeFromC(), sizeof(FilterPacket));
+}
