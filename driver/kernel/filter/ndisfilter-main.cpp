@@ -8,6 +8,7 @@
  */
 #include "precomp.h"
 #include "ndisfilter-global.h"
+#include "ndisfilter-records.h"
 
 /* ---- plain globals ---- */
 ULONG GlobalDebugFlag = 0;
@@ -56,6 +57,16 @@ VOID FreeRecordList(PLIST_ENTRY Head)
 {
     while (!IsListEmpty(Head))
         Filter_FreeMemory(RemoveHeadList(Head));
+}
+
+/* Frees every interface, each after the references its own list holds. */
+VOID FreeInterfaces(PLIST_ENTRY Head)
+{
+    while (!IsListEmpty(Head)) {
+        FilterInterface *item = CONTAINING_RECORD(RemoveHeadList(Head), FilterInterface, m_ListEntry);
+        FreeRecordList(&item->m_ReferenceList);
+        Filter_FreeMemory(item);
+    }
 }
 
 /* Fills the framework's copy of the binding record: unbound, our callbacks, no hook functions. */
@@ -255,7 +266,7 @@ EXTERN_C VOID NdisFilterDeInitialize(VOID)
     for (ULONG type = 0; type < FILTER_TYPE_COUNT; type++)
         FreeRecordList(&global->m_PacketFilterList[type]);
     NdisFilter_ReleaseQueuedPackets();
-    FreeRecordList(&global->m_InterfaceList);
+    FreeInterfaces(&global->m_InterfaceList);
     FreeRecordList(&global->m_IfEventHandlerList);
     NdisFilter_DeleteEventQueue();
     FreeRecordList(&global->m_FilterTimerList);
