@@ -1,119 +1,218 @@
 /*
- * ndisfilter-host - runs the framework driver on the host.
+ * ndisfilter-host - the framework at work on real traffic, on the host.
  *
- * Fills the service key, loads the driver by its DriverEntry, opens the
- * control device as the user program does, asks for the version, closes the
- * device and unloads the driver. The driver's trace goes to stderr; a summary
- * and the runtime's verifier findings (leaks, IRQL misuse, double frees) go
- * to stdout. Exit status 0 only when the run was clean.
+ * Loads the framework, the simulated hook driver (bound) and the example
+ * clients (firewall, injector, tap); opens one adapter per capture file;
+ * runs the user program's side on the shared rings in a thread of its own
+ * (it receives what the tap copies, sends a few frames toward the protocols
+ * and a few back to itself); replays the captures (frames from the
+ * adapter's own MAC are sent by its protocols, the others arrive from the
+ * wire); waits until every queue and ring is drained; prints a summary and
+ * writes what reached the wire, the protocols and the application as pcap
+ * files. Exit status 0 only when the run was clean: no verifier finding,
+ * every packet back with the hook driver, and the accounting balanced.
  *
- *   ndisfilter-host [--debug-mask <value>] [--quiet]
+ * The drivers' trace goes to stderr (--quiet turns it off), the summary to stdout.
  */
 #include <windows.h>
 #include <ntddk.h>
 #include <ndis.h>
 #include <hostkernel.h>
 #include <ndisfilter.h>
+#include <ndishook.h>
 
+#include "adapters.h"
+#include "application.h"
+#include "drivers.h"
+#include "options.h"
+#include "report.h"
+
+#include <sys/stat.h>
+
+#include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <ctime>
 #include <string>
-
-EXTERN_C NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
+#include <thread>
 
 namespace {
 
-const char ServiceName[] = "NdisFilter";
-const char ServiceKey[] = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\NdisFilter";
+using host::Adapters;
+using host::RunReport;
 
-struct Options {
-    ULONG DebugMask = 0x100;
-    bool Quiet = false;
-};
+/* Longest wait for the queues and rings to drain after the replay. */
+const auto DrainPatience = std::chrono::seconds(10);
 
-void Usage()
+/* Whether nothing is left in flight: injected-packet queues, packets out of the hook driver, both rings. */
+bool Quiet(const host::ApplicationSide &application)
 {
-    std::fprintf(stderr, "usage: ndisfilter-host [--debug-mask <value>] [--quiet]\n"
-                         "  --debug-mask  GlobalDebugFlag written to the service key (default 0x100)\n"
-                         "  --quiet       do not echo the driver's trace to stderr\n");
+    return Filter_GetInjectPacketCount() == 0 && NdisHookPacketsOutstanding() == 0 && application.Idle();
 }
 
-bool ParseOptions(int argc, char **argv, Options *options)
+/* Waits for two quiet looks in a row (a worker may be between them); FALSE after DrainPatience. */
+bool WaitUntilDrained(const host::ApplicationSide &application)
 {
-    for (int i = 1; i < argc; i++) {
-        std::string arg = argv[i];
-        if (arg == "--debug-mask" && i + 1 < argc) {
-            char *end = nullptr;
-            unsigned long value = std::strtoul(argv[++i], &end, 0);
-            if (end == argv[i] || *end != '\0' || value > 0xFFFFFFFFul)
-                return false;
-            options->DebugMask = (ULONG)value;
-        } else if (arg == "--quiet") {
-            options->Quiet = true;
-        } else {
+    const auto deadline = std::chrono::steady_clock::now() + DrainPatience;
+    int quietLooks = 0;
+    while (quietLooks < 2) {
+        if (std::chrono::steady_clock::now() >= deadline)
             return false;
-        }
+        quietLooks = Quiet(application) ? quietLooks + 1 : 0;
+        std::this_thread::sleep_for(std::chrono::milliseconds(quietLooks == 0 ? 1 : 5));
     }
     return true;
 }
 
 /*
- * Opens the control device as the user program does and sends GET_VERSION.
- * The framework writes 1.0 into the request's buffer but reports no bytes,
- * so nothing is copied back; success of the request is what counts.
+ * SendFromApplication - per adapter, the first `perAdapter` frames of its
+ * capture that arrived from the wire go to the protocols; then the first
+ * `loopback` frames of the first capture go back to the application.
+ * Returns the number sent toward the protocols.
  */
-bool QueryVersion()
+ULONG64 SendFromApplication(const host::Options &options, Adapters &adapters, host::ApplicationSide &application,
+                            RunReport *report)
 {
-    HANDLE device = CreateFileA(NDISFILTER_USER_DEVICE, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-                                FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (device == INVALID_HANDLE_VALUE) {
-        std::printf("open %s failed, error %u\n", NDISFILTER_USER_DEVICE, (unsigned)GetLastError());
-        return false;
+    ULONG64 toProtocols = 0;
+    std::string error;
+    for (auto &adapter : adapters) {
+        unsigned sent = 0;
+        for (const host::CapturedFrame &frame : adapter->Frames) {
+            if (sent == options.AppSend)
+                break;
+            if (adapter->IsOwnFrame(frame) || frame.Bytes.size() > SHARED_BLOCK_FRAME_SIZE || frame.Bytes.empty())
+                continue;
+            if (!application.Send(adapter->Id, FILTER_DIRECTION_TO_PROTOCOL, frame.Bytes, &error)) {
+                report->Problems.push_back(error);
+                return toProtocols;
+            }
+            sent++;
+            toProtocols++;
+        }
     }
-    UCHAR version[2] = {0, 0};
-    DWORD returned = 0;
-    BOOL ok = DeviceIoControl(device, IOCTL_NDIS_FILTER_GET_VERSION, nullptr, 0, version, sizeof(version),
-                              &returned, nullptr);
-    DWORD error = ok ? 0 : GetLastError();
-    CloseHandle(device);
-    if (!ok) {
-        std::printf("GET_VERSION failed, error %u\n", (unsigned)error);
-        return false;
+    const host::ReplayAdapter &first = *adapters.front();
+    unsigned looped = 0;
+    for (const host::CapturedFrame &frame : first.Frames) {
+        if (looped == options.AppLoopback)
+            break;
+        if (frame.Bytes.size() > SHARED_BLOCK_FRAME_SIZE || frame.Bytes.empty())
+            continue;
+        if (!application.Send(first.Id, FILTER_DIRECTION_TO_APPLICATION, frame.Bytes, &error)) {
+            report->Problems.push_back(error);
+            break;
+        }
+        looped++;
     }
-    std::printf("GET_VERSION succeeded, %u bytes reported\n", (unsigned)returned);
-    return true;
+    return toProtocols;
+}
+
+/* Writes one capture into the output directory and records it in the report. */
+void WriteOutput(const std::string &dir, const std::string &name, const std::vector<host::CapturedFrame> &frames,
+                 RunReport *report)
+{
+    std::string path = dir + "/" + name + ".pcap";
+    std::string error;
+    if (!host::WriteCapture(path, frames, &error)) {
+        report->Problems.push_back("cannot write " + path + ": " + error);
+        return;
+    }
+    report->Captures.emplace_back(path, frames.size());
+}
+
+/* Runs everything between loading the drivers and unloading them; problems go to the report. */
+void RunTraffic(const host::Options &options, host::DriverStack &drivers, Adapters &adapters, RunReport *report)
+{
+    std::string error;
+    if (!host::OpenAdapters(adapters, &error)) {
+        report->Problems.push_back(error);
+        return;
+    }
+
+    host::ApplicationSide application;
+    report->ApplicationStarted = application.Start(&error);
+    if (!report->ApplicationStarted)
+        report->Problems.push_back("application side: " + error);
+    else
+        report->ApplicationFramesToProtocols = SendFromApplication(options, adapters, application, report);
+
+    bool replayed = false;
+    report->ReplaySeconds = host::Replay(adapters, &replayed, &error);
+    if (!replayed)
+        report->Problems.push_back(error);
+
+    auto drainStart = std::chrono::steady_clock::now();
+    report->Drained = WaitUntilDrained(application);
+    report->DrainSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - drainStart).count();
+    if (!report->Drained) {
+        char text[128];
+        std::snprintf(text, sizeof(text), "not drained: %d injected packets queued, %d packets out of the hook driver",
+                      (int)Filter_GetInjectPacketCount(), (int)NdisHookPacketsOutstanding());
+        report->Problems.push_back(text);
+    }
+
+    application.Finish();
+    if (report->ApplicationStarted) {
+        report->Application = application.Stats();
+        if (report->Application.ReceiverFailed)
+            report->Problems.push_back("application receiver: " + report->Application.ReceiverError);
+    }
+
+    report->HaveCounters = drivers.ReadCounters(&report->Counters, &error);
+    if (!report->HaveCounters)
+        report->Problems.push_back(error);
+
+    const int64_t now = (int64_t)std::time(nullptr);
+    host::CollectDelivered(adapters, now);
+    mkdir(options.OutputDir.c_str(), 0755);
+    for (auto &adapter : adapters) {
+        std::string stem = adapters.size() > 1 ? std::to_string(adapter->Id) + "-" + adapter->Name : adapter->Name;
+        WriteOutput(options.OutputDir, stem + "-to-wire", adapter->ToWire, report);
+        WriteOutput(options.OutputDir, stem + "-to-protocols", adapter->ToProtocols, report);
+    }
+    if (report->ApplicationStarted) {
+        std::vector<host::CapturedFrame> frames = application.Frames();
+        host::StampFrames(&frames, now);
+        WriteOutput(options.OutputDir, "to-application", frames, report);
+    }
+    host::CheckAccounting(report);
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    Options options;
-    if (!ParseOptions(argc, argv, &options)) {
-        Usage();
+    host::Options options;
+    std::string error;
+    if (!host::ParseOptions(argc, argv, &options, &error)) {
+        if (!error.empty())
+            std::fprintf(stderr, "ndisfilter-host: %s\n", error.c_str());
+        host::PrintUsage();
         return 2;
     }
     std::setvbuf(stdout, nullptr, _IONBF, 0); /* keep the summary in step with the trace on stderr */
     HkDebugSetEcho(options.Quiet ? FALSE : TRUE);
 
-    HkRegistryCreateKey(ServiceKey);
-    HkRegistrySetDword(ServiceKey, "GlobalDebugFlag", options.DebugMask);
-
-    PDRIVER_OBJECT driver = nullptr;
-    NTSTATUS status = HkLoadDriver(DriverEntry, ServiceName, &driver);
-    if (!NT_SUCCESS(status)) {
-        std::printf("DriverEntry failed, status 0x%08X\n", (unsigned)status);
-        return 1;
+    Adapters adapters;
+    if (!host::ReadCaptures(options.Captures, &adapters, &error)) {
+        std::fprintf(stderr, "ndisfilter-host: %s\n", error.c_str());
+        return 2;
     }
-    std::printf("framework loaded\n");
-    bool versionOk = QueryVersion();
-    HkUnloadDriver(driver);
-    std::printf("framework unloaded\n");
 
-    std::vector<std::string> findings = hk::TakeVerifierFindings();
-    for (const std::string &finding : findings)
-        std::printf("verifier: %s\n", finding.c_str());
-    std::printf("%zu debug lines, %zu verifier findings\n", (size_t)HkDebugCapturedLineCount(), findings.size());
-    return versionOk && findings.empty() ? 0 : 1;
+    RunReport report;
+    report.ReplayAdapters = &adapters;
+    {
+        host::DriverStack drivers;
+        if (drivers.Load(options, &error)) {
+            std::printf("framework, hook driver and example clients loaded\n");
+            report.Ran = true;
+            RunTraffic(options, drivers, adapters, &report);
+        } else {
+            report.Problems.push_back(error);
+        }
+        drivers.UnloadClients();
+        host::CloseAdapters(adapters);
+        drivers.Unload();
+    }
+    report.Findings = hk::TakeVerifierFindings();
+    host::PrintReport(report);
+    return report.Problems.empty() && report.Findings.empty() ? 0 : 1;
 }

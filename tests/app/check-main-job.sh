@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Runs the main job with no arguments and checks that every capture it wrote
+# holds, as tshark counts them, the frames its summary printed.
+#
+#   check-main-job.sh PATH-TO-ndisfilter-host
+#
+# Exit status: 0 passed, 1 failed, 77 the run passed but tshark is missing.
+set -uo pipefail
+
+program="$1"
+summary="$(mktemp)"
+trap 'rm -f "$summary"' EXIT
+
+"$program" >"$summary" 2>/dev/null
+status=$?
+cat "$summary"
+if [[ $status -ne 0 ]] || ! grep -qx 'result: clean' "$summary"; then
+    echo "FAIL: the main job did not end clean (exit status $status)" >&2
+    exit 1
+fi
+
+mapfile -t captures < <(sed -n 's/^pcap \(.*\): \([0-9]*\) frames$/\2 \1/p' "$summary")
+if ((${#captures[@]} < 3)); then
+    echo "FAIL: expected the wire, protocols and application captures, found ${#captures[@]}" >&2
+    exit 1
+fi
+
+if ! command -v tshark >/dev/null; then
+    echo "SKIP: tshark is not installed, the captures' frame counts are not checked" >&2
+    exit 77
+fi
+
+failed=0
+for entry in "${captures[@]}"; do
+    expected="${entry%% *}"
+    path="${entry#* }"
+    counted="$(tshark -r "$path" -T fields -e frame.number 2>/dev/null | wc -l)"
+    if [[ "$counted" != "$expected" ]]; then
+        echo "FAIL: $path: the summary says $expected frames, tshark reads $counted" >&2
+        failed=1
+    else
+        echo "ok: $path: $counted frames"
+    fi
+done
+exit $failed

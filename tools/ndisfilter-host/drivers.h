@@ -1,0 +1,59 @@
+/*
+ * drivers.h - the drivers of a run: the framework, the simulated hook driver
+ * (bound) and the three example clients loaded from their images, with the
+ * service keys filled from the options first.
+ */
+#pragma once
+
+#include <windows.h>
+#include <ntddk.h>
+#include <ndis.h>
+
+#include "example-firewall.h"
+#include "example-injector.h"
+#include "example-tap.h"
+#include "options.h"
+
+#include <string>
+
+namespace host {
+
+struct ClientCounters {
+    EXAMPLE_FIREWALL_COUNTERS Firewall;
+    EXAMPLE_INJECTOR_COUNTERS Injector;
+    EXAMPLE_TAP_COUNTERS Tap;
+};
+
+class DriverStack {
+public:
+    DriverStack() = default;
+    ~DriverStack() { Unload(); }
+    DriverStack(const DriverStack &) = delete;
+    DriverStack &operator=(const DriverStack &) = delete;
+
+    /* Loads everything in order; FALSE with `error` set at the first failure (what loaded stays). */
+    bool Load(const Options &options, std::string *error);
+    /* The clients' counters, through the functions their images export. */
+    bool ReadCounters(ClientCounters *counters, std::string *error) const;
+    /* Unloads in reverse order: clients, hook driver, framework. */
+    void Unload();
+    /* Only the clients (their counters are gone afterwards). */
+    void UnloadClients();
+
+private:
+    struct Client {
+        const char *Image;
+        const char *Service;
+        PDRIVER_OBJECT Driver;
+    };
+
+    PDRIVER_OBJECT m_framework = nullptr;
+    PDRIVER_OBJECT m_hook = nullptr;
+    Client m_clients[3] = {
+        {NF_HOST_FIREWALL_IMAGE, EXAMPLE_FIREWALL_SERVICE_NAME, nullptr},
+        {NF_HOST_INJECTOR_IMAGE, EXAMPLE_INJECTOR_SERVICE_NAME, nullptr},
+        {NF_HOST_TAP_IMAGE, EXAMPLE_TAP_SERVICE_NAME, nullptr},
+    };
+};
+
+} // namespace host

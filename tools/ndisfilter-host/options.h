@@ -1,0 +1,27 @@
+/* options.h - the command line of the host program. */
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace host {
+
+struct Options {
+    std::vector<std::string> Captures; /* one adapter each; the default capture when none is given */
+    std::string OutputDir;
+    unsigned DebugMask = 0;
+    bool Quiet = false;
+    bool HaveRules = false; /* --rules given: the firewall gets exactly these (may be empty) */
+    std::string Rules;
+    std::string TapPorts;   /* empty: the tap's default */
+    int InjectProtocol = -1; /* -1: the injector's default */
+    unsigned AppSend = 4;      /* frames per adapter the application sends toward the protocols */
+    unsigned AppLoopback = 2;  /* frames the application sends back to itself */
+};
+
+/* Parses argv; FALSE (with `error` set, empty for --help) when the program should not run. */
+bool ParseOptions(int argc, char **argv, Options *options, std::string *error);
+
+void PrintUsage();
+
+} // namespace host

@@ -1,0 +1,144 @@
+/* report.cpp - the checks and the summary of a run (see report.h). */
+#include "report.h"
+
+#include <cstdio>
+
+namespace host {
+
+namespace {
+
+const ULONG In = EXAMPLE_CHAIN_INCOMING;
+const ULONG Out = EXAMPLE_CHAIN_OUTGOING;
+
+/* Records one balance line, and a problem when it does not balance. */
+void Balance(RunReport *report, const char *what, unsigned long long expected, unsigned long long actual)
+{
+    bool equal = expected == actual;
+    char line[160];
+    std::snprintf(line, sizeof(line), "%-40s expected %llu, found %llu: %s", what, expected, actual,
+                  equal ? "ok" : "MISMATCH");
+    report->Accounting.push_back(line);
+    if (!equal)
+        report->Problems.push_back(std::string("accounting: ") + what);
+}
+
+/* The count kept under `key`, 0 when there is none. */
+ULONG64 Count(const std::map<ULONG, ULONG64> &map, ULONG key)
+{
+    auto it = map.find(key);
+    return it == map.end() ? 0 : it->second;
+}
+
+} // namespace
+
+void CheckAccounting(RunReport *report)
+{
+    unsigned long long received = 0, sent = 0, toProtocols = 0, toWire = 0;
+    for (const auto &adapter : *report->ReplayAdapters) {
+        received += adapter->Received;
+        sent += adapter->Sent;
+        toProtocols += adapter->ToProtocols.size();
+        toWire += adapter->ToWire.size();
+    }
+    if (!report->HaveCounters) {
+        report->Problems.push_back("accounting: no client counters");
+        return;
+    }
+    const ClientCounters &c = report->Counters;
+    Balance(report, "frames through the firewall, incoming", received, c.Firewall.Inspected[In]);
+    Balance(report, "frames through the firewall, outgoing", sent, c.Firewall.Inspected[Out]);
+    Balance(report, "delivered to the protocols",
+            received - c.Firewall.Discarded[In] + report->ApplicationFramesToProtocols, toProtocols);
+    Balance(report, "delivered to the wire", sent - c.Firewall.Discarded[Out], toWire);
+    Balance(report, "injector: handed back into the queue",
+            (unsigned long long)c.Injector.Consumed[In] + c.Injector.Consumed[Out],
+            (unsigned long long)c.Injector.Reinjected[In] + c.Injector.Reinjected[Out]);
+    if (report->ApplicationStarted) {
+        const ApplicationSide::Statistics &a = report->Application;
+        Balance(report, "received by the application",
+                (unsigned long long)c.Tap.Indicated[In] + c.Tap.Indicated[Out] + a.SentLoopback, a.Received);
+        Balance(report, "looped back to the application", a.SentLoopback,
+                Count(a.ReceivedByDirection, FILTER_DIRECTION_TO_APPLICATION));
+    }
+}
+
+namespace {
+
+/* The traffic part of the summary: adapters, replay, clients, rings, balance and captures. */
+void PrintTraffic(const RunReport &report)
+{
+    unsigned long long frames = 0;
+    for (const auto &adapter : *report.ReplayAdapters) {
+        const ReplayAdapter &a = *adapter;
+        frames += a.Sent + a.Received;
+        std::printf("adapter %u %s (%s): %zu frames, %u sent by its protocols, %u received, %u skipped\n",
+                    (unsigned)a.Id, MacText(a.Mac).c_str(), a.CapturePath.c_str(), a.Frames.size(), (unsigned)a.Sent,
+                    (unsigned)a.Received, (unsigned)a.Skipped);
+        std::printf("  out of the framework: %zu to the wire, %zu to the protocols\n", a.ToWire.size(),
+                    a.ToProtocols.size());
+    }
+    double rate = report.ReplaySeconds > 0 ? (double)frames / report.ReplaySeconds : 0.0;
+    std::printf("replay: %llu frames in %.1f ms (%.0f frames/s); queues and rings %s after %.1f ms more\n", frames,
+                report.ReplaySeconds * 1000.0, rate, report.Drained ? "drained" : "NOT drained",
+                report.DrainSeconds * 1000.0);
+
+    if (report.HaveCounters) {
+        const ClientCounters &c = report.Counters;
+        std::printf("firewall: %u rules; inspected in %u / out %u; discarded in %u / out %u\n",
+                    (unsigned)c.Firewall.RuleCount, (unsigned)c.Firewall.Inspected[In],
+                    (unsigned)c.Firewall.Inspected[Out], (unsigned)c.Firewall.Discarded[In],
+                    (unsigned)c.Firewall.Discarded[Out]);
+        for (ULONG i = 0; i < c.Firewall.RuleCount && i < EXAMPLE_FIREWALL_MAX_RULES; i++)
+            std::printf("  rule %u \"%s\": in %u, out %u\n", (unsigned)(i + 1), c.Firewall.Rules[i].Text,
+                        (unsigned)c.Firewall.Rules[i].Matches[In], (unsigned)c.Firewall.Rules[i].Matches[Out]);
+        std::printf("injector: protocol %u; inspected in %u / out %u; consumed in %u / out %u; "
+                    "handed back %u, refused %u\n",
+                    (unsigned)c.Injector.Protocol, (unsigned)c.Injector.Inspected[In],
+                    (unsigned)c.Injector.Inspected[Out], (unsigned)c.Injector.Consumed[In],
+                    (unsigned)c.Injector.Consumed[Out], (unsigned)(c.Injector.Reinjected[In] + c.Injector.Reinjected[Out]),
+                    (unsigned)(c.Injector.InjectFailed[In] + c.Injector.InjectFailed[Out]));
+        std::printf("tap: ports");
+        for (ULONG i = 0; i < c.Tap.PortCount && i < EXAMPLE_TAP_MAX_PORTS; i++)
+            std::printf(" %u", (unsigned)c.Tap.Ports[i]);
+        std::printf("; inspected in %u / out %u; copied to the application in %u / out %u; incomplete %u\n",
+                    (unsigned)c.Tap.Inspected[In], (unsigned)c.Tap.Inspected[Out], (unsigned)c.Tap.Indicated[In],
+                    (unsigned)c.Tap.Indicated[Out], (unsigned)(c.Tap.Incomplete[In] + c.Tap.Incomplete[Out]));
+    }
+
+    if (report.ApplicationStarted) {
+        const ApplicationSide::Statistics &a = report.Application;
+        std::printf("application ring: sent %llu blocks (%llu to the protocols, %llu to the wire, %llu looped back) "
+                    "with %llu announcements\n",
+                    (unsigned long long)(a.SentToProtocols + a.SentToAdapter + a.SentLoopback),
+                    (unsigned long long)a.SentToProtocols, (unsigned long long)a.SentToAdapter,
+                    (unsigned long long)a.SentLoopback, (unsigned long long)a.Announcements);
+        std::printf("application ring: received %llu blocks in %llu read completions;",
+                    (unsigned long long)a.Received, (unsigned long long)a.ReadsCompleted);
+        for (const auto &entry : a.ReceivedByCode)
+            std::printf(" code %u: %llu", (unsigned)entry.first, (unsigned long long)entry.second);
+        std::printf("\n");
+    }
+
+    std::printf("accounting:\n");
+    for (const std::string &line : report.Accounting)
+        std::printf("  %s\n", line.c_str());
+    for (const auto &capture : report.Captures)
+        std::printf("pcap %s: %zu frames\n", capture.first.c_str(), capture.second);
+}
+
+} // namespace
+
+void PrintReport(const RunReport &report)
+{
+    if (report.Ran)
+        PrintTraffic(report);
+    for (const std::string &finding : report.Findings)
+        std::printf("verifier: %s\n", finding.c_str());
+    std::printf("%zu verifier findings\n", report.Findings.size());
+    for (const std::string &problem : report.Problems)
+        std::printf("problem: %s\n", problem.c_str());
+    bool clean = report.Problems.empty() && report.Findings.empty();
+    std::printf("result: %s\n", clean ? "clean" : "NOT clean");
+}
+
+} // namespace host

@@ -1,0 +1,45 @@
+/*
+ * report.h - what a run found, the checks that make it clean, and the
+ * summary printed on stdout.
+ */
+#pragma once
+
+#include "adapters.h"
+#include "application.h"
+#include "drivers.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace host {
+
+struct RunReport {
+    const Adapters *ReplayAdapters = nullptr;
+    bool Ran = false; /* the drivers loaded and the traffic part ran */
+    bool HaveCounters = false;
+    ClientCounters Counters = {};
+    bool ApplicationStarted = false;
+    ApplicationSide::Statistics Application;
+    ULONG64 ApplicationFramesToProtocols = 0; /* of Application.SentToProtocols, per the run's plan */
+    double ReplaySeconds = 0;
+    double DrainSeconds = 0;
+    bool Drained = false;
+    std::vector<std::string> Accounting;                  /* the balance lines */
+    std::vector<std::pair<std::string, size_t>> Captures; /* written path, frames */
+    std::vector<std::string> Problems;                    /* anything that makes the run unclean */
+    std::vector<std::string> Findings;                    /* the runtime's verifier findings */
+};
+
+/*
+ * The balance of the run: every frame that went in came out where the
+ * filters' counters say (discarded by the firewall, delivered otherwise),
+ * and the application received the tap's copies and its own loop-backs.
+ * The lines go to the report's accounting, mismatches to its problems.
+ */
+void CheckAccounting(RunReport *report);
+
+/* The summary; the last line says whether the run was clean. */
+void PrintReport(const RunReport &report);
+
+} // namespace host
