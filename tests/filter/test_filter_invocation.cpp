@@ -342,3 +342,19 @@ TEST_F(FilterInvocation, DeliveryWithTheHookUnboundReleasesThePacket)
     Filter_ReleasePacket(packet);
     EXPECT_EQ(Filter_InjectPacketToAdapterEx(m_adapter, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
 }
+
+TEST_F(FilterInvocation, APacketQueuedForAFilterThatLeftIsReleased)
+{
+    PPacketFilter consumer = AddFilter("leaving", FILTER_TYPE_INCOMING_PACKET, 1, FILTER_RESULT_CONSUME);
+    Receive(nftest::CaseFrame(4));
+    ASSERT_EQ(m_kept.size(), 1u);
+    PFilterPacket packet = m_kept.back();
+    m_kept.clear();
+    ASSERT_EQ(Filter_DeregisterFilter(m_driver, consumer), FILTER_STATUS_SUCCESS);
+
+    EXPECT_EQ(Filter_InjectPacketFromFilter(FILTER_METHOD_START_AFTER_THIS_FILTER, consumer, packet),
+              FILTER_STATUS_SUCCESS);
+    WaitForQuiet();
+    EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), 0u);
+}

@@ -155,13 +155,17 @@ VOID RemoveEventHandlers(PFilterDriver Driver)
     KeReleaseSpinLock(&g_pGlobal->m_EventHandlerLock, irql);
 }
 
-/* The filter procedures are not called: the filters simply leave their chains. */
+/*
+ * The filter procedures are not called: the filters simply leave their
+ * chains. Their tags are cleared, so a packet still queued for one of them
+ * is released instead of walking a chain from a freed filter.
+ */
 VOID RemovePacketFilters(PFilterDriver Driver)
 {
     for (ULONG type = 0; type < FILTER_TYPE_COUNT; type++) {
         NfWriteLock lock(&g_pGlobal->m_PacketFilterLock[type]);
         NdisFilter_RemoveOwnedRecords(&g_pGlobal->m_PacketFilterList[type], &PacketFilter::m_hFilterDriver, Driver,
-                                      [](PacketFilter *) {});
+                                      [](PacketFilter *filter) { filter->m_Tag = 0; });
     }
 }
 

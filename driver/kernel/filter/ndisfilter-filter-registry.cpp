@@ -146,6 +146,7 @@ EXTERN_C FILTER_STATUS NTAPI Filter_DeregisterFilter(PFilterDriver FilterDriver,
             }
         }
         if (removed) {
+            Filter->m_Tag = 0; /* packets still queued for it are released, not walked */
             Filter_FreeMemory(Filter);
             Filter_DumpFilter(type);
             /* A successful removal ends with the error line for success and no leave line. */
