@@ -10,6 +10,8 @@
 #include <ndis.h>
 #include <ndisfilter.h>
 
+#include "example-registration.h"
+
 namespace {
 
 /* Packets seen, per chain. */
@@ -32,17 +34,12 @@ FILTER_RESULT NTAPI CountPacket(PFilterDriver FilterDriver, PVOID DriverContext,
     return FILTER_RESULT_BYPASS;
 }
 
-struct FilterPlacement {
-    PCSTR Name;
-    FILTER_TYPE Type;
-    FILTER_ORDER Order;
-};
-
-const FilterPlacement Placements[] = {
-    {"ExampleIncoming", FILTER_TYPE_INCOMING_PACKET, FILTER_ORDER_FIRST},
-    {"ExampleOutgoing", FILTER_TYPE_OUTGOING_PACKET, FILTER_ORDER_LAST},
-    {"ExampleToAdapter", FILTER_TYPE_INJECT_TO_ADAPTER, 100},
-    {"ExampleToProtocol", FILTER_TYPE_INJECT_TO_PROTOCOL, 100},
+/* Each filter's context is its chain, the index of its counter. */
+const EXAMPLE_PLACEMENT Placements[] = {
+    {"ExampleIncoming", FILTER_TYPE_INCOMING_PACKET, FILTER_ORDER_FIRST, FILTER_TYPE_INCOMING_PACKET},
+    {"ExampleOutgoing", FILTER_TYPE_OUTGOING_PACKET, FILTER_ORDER_LAST, FILTER_TYPE_OUTGOING_PACKET},
+    {"ExampleToAdapter", FILTER_TYPE_INJECT_TO_ADAPTER, 100, FILTER_TYPE_INJECT_TO_ADAPTER},
+    {"ExampleToProtocol", FILTER_TYPE_INJECT_TO_PROTOCOL, 100, FILTER_TYPE_INJECT_TO_PROTOCOL},
 };
 
 VOID NTAPI ExampleUnload(PDRIVER_OBJECT DriverObject)
@@ -57,28 +54,10 @@ VOID NTAPI ExampleUnload(PDRIVER_OBJECT DriverObject)
 EXTERN_C NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath)
 {
     UNREFERENCED_PARAMETER(RegistryPath);
-    STRING name;
-    RtlInitAnsiString(&name, "ExampleFilter");
-
-    /* Registration answers success without a handle when memory is short. */
-    Driver = NULL;
-    FILTER_STATUS status = Filter_RegisterDriver(&name, &Counters, FILTER_API_MAJOR_VERSION, FILTER_API_MINOR_VERSION,
-                                                 &Driver);
-    if (status != FILTER_STATUS_SUCCESS || Driver == NULL)
-        return STATUS_UNSUCCESSFUL;
-
-    for (ULONG i = 0; i < RTL_NUMBER_OF(Placements); i++) {
-        STRING filterName;
-        RtlInitAnsiString(&filterName, Placements[i].Name);
-        PPacketFilter filter = NULL;
-        status = Filter_RegisterFilter(Driver, &filterName, CountPacket, (PVOID)(ULONG_PTR)Placements[i].Type,
-                                       Placements[i].Type, Placements[i].Order, &filter);
-        if (status != FILTER_STATUS_SUCCESS || filter == NULL) {
-            Filter_DeregisterDriver(Driver);
-            Driver = NULL;
-            return STATUS_UNSUCCESSFUL;
-        }
-    }
+    NTSTATUS status = ExampleRegister("ExampleFilter", &Counters, CountPacket, Placements, RTL_NUMBER_OF(Placements),
+                                      &Driver);
+    if (!NT_SUCCESS(status))
+        return status;
 
     DriverObject->DriverUnload = ExampleUnload;
     return STATUS_SUCCESS;

@@ -10,6 +10,7 @@
 
 #include "example-injector.h"
 #include "example-packet.h"
+#include "example-registration.h"
 
 namespace {
 
@@ -62,15 +63,9 @@ VOID NTAPI InjectorUnload(PDRIVER_OBJECT DriverObject)
     State.Driver = NULL;
 }
 
-struct Placement {
-    PCSTR Name;
-    FILTER_TYPE Type;
-    ULONG Chain;
-};
-
-const Placement Placements[] = {
-    {"ExampleInjectorIn", FILTER_TYPE_INCOMING_PACKET, EXAMPLE_CHAIN_INCOMING},
-    {"ExampleInjectorOut", FILTER_TYPE_OUTGOING_PACKET, EXAMPLE_CHAIN_OUTGOING},
+const EXAMPLE_PLACEMENT Placements[] = {
+    {"ExampleInjectorIn", FILTER_TYPE_INCOMING_PACKET, InjectorOrder, EXAMPLE_CHAIN_INCOMING},
+    {"ExampleInjectorOut", FILTER_TYPE_OUTGOING_PACKET, InjectorOrder, EXAMPLE_CHAIN_OUTGOING},
 };
 
 } // namespace
@@ -102,25 +97,10 @@ EXTERN_C NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING
         return STATUS_INVALID_PARAMETER;
     }
 
-    STRING name;
-    RtlInitAnsiString(&name, EXAMPLE_INJECTOR_SERVICE_NAME);
-    FILTER_STATUS status =
-        Filter_RegisterDriver(&name, &State, FILTER_API_MAJOR_VERSION, FILTER_API_MINOR_VERSION, &State.Driver);
-    if (status != FILTER_STATUS_SUCCESS || State.Driver == NULL)
-        return STATUS_UNSUCCESSFUL;
-
-    for (ULONG i = 0; i < RTL_NUMBER_OF(Placements); i++) {
-        STRING filterName;
-        RtlInitAnsiString(&filterName, Placements[i].Name);
-        PPacketFilter filter = NULL;
-        status = Filter_RegisterFilter(State.Driver, &filterName, Inspect, (PVOID)(ULONG_PTR)Placements[i].Chain,
-                                       Placements[i].Type, InjectorOrder, &filter);
-        if (status != FILTER_STATUS_SUCCESS || filter == NULL) {
-            Filter_DeregisterDriver(State.Driver);
-            State.Driver = NULL;
-            return STATUS_UNSUCCESSFUL;
-        }
-    }
+    NTSTATUS status =
+        ExampleRegister(EXAMPLE_INJECTOR_SERVICE_NAME, &State, Inspect, Placements, RTL_NUMBER_OF(Placements), &State.Driver);
+    if (!NT_SUCCESS(status))
+        return status;
     DriverObject->DriverUnload = InjectorUnload;
     return STATUS_SUCCESS;
 }

@@ -8,6 +8,7 @@
 #include <ndisfilter.h>
 
 #include "example-packet.h"
+#include "example-registration.h"
 #include "example-tap.h"
 
 namespace {
@@ -115,15 +116,9 @@ VOID NTAPI TapUnload(PDRIVER_OBJECT DriverObject)
     State.Driver = NULL;
 }
 
-struct Placement {
-    PCSTR Name;
-    FILTER_TYPE Type;
-    ULONG Chain;
-};
-
-const Placement Placements[] = {
-    {"ExampleTapIn", FILTER_TYPE_INCOMING_PACKET, EXAMPLE_CHAIN_INCOMING},
-    {"ExampleTapOut", FILTER_TYPE_OUTGOING_PACKET, EXAMPLE_CHAIN_OUTGOING},
+const EXAMPLE_PLACEMENT Placements[] = {
+    {"ExampleTapIn", FILTER_TYPE_INCOMING_PACKET, TapOrder, EXAMPLE_CHAIN_INCOMING},
+    {"ExampleTapOut", FILTER_TYPE_OUTGOING_PACKET, TapOrder, EXAMPLE_CHAIN_OUTGOING},
 };
 
 } // namespace
@@ -152,25 +147,10 @@ EXTERN_C NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING
     if (!LoadPorts(RegistryPath))
         return STATUS_INVALID_PARAMETER;
 
-    STRING name;
-    RtlInitAnsiString(&name, EXAMPLE_TAP_SERVICE_NAME);
-    FILTER_STATUS status =
-        Filter_RegisterDriver(&name, &State, FILTER_API_MAJOR_VERSION, FILTER_API_MINOR_VERSION, &State.Driver);
-    if (status != FILTER_STATUS_SUCCESS || State.Driver == NULL)
-        return STATUS_UNSUCCESSFUL;
-
-    for (ULONG i = 0; i < RTL_NUMBER_OF(Placements); i++) {
-        STRING filterName;
-        RtlInitAnsiString(&filterName, Placements[i].Name);
-        PPacketFilter filter = NULL;
-        status = Filter_RegisterFilter(State.Driver, &filterName, Inspect, (PVOID)(ULONG_PTR)Placements[i].Chain,
-                                       Placements[i].Type, TapOrder, &filter);
-        if (status != FILTER_STATUS_SUCCESS || filter == NULL) {
-            Filter_DeregisterDriver(State.Driver);
-            State.Driver = NULL;
-            return STATUS_UNSUCCESSFUL;
-        }
-    }
+    NTSTATUS status =
+        ExampleRegister(EXAMPLE_TAP_SERVICE_NAME, &State, Inspect, Placements, RTL_NUMBER_OF(Placements), &State.Driver);
+    if (!NT_SUCCESS(status))
+        return status;
     DriverObject->DriverUnload = TapUnload;
     return STATUS_SUCCESS;
 }
