@@ -13,9 +13,6 @@
 
 #define NF_FILTER_POOL_TAG 0x4146664E /* "NfFA" */
 
-VOID NdisFilter_CopyNameBehind(PSTRING Destination, PVOID Header, SIZE_T HeaderSize, const STRING *Source);
-PSTRING NdisFilter_DuplicateName(const STRING *Name, ULONG PoolTag);
-
 namespace {
 
 BOOLEAN IsFilterType(FILTER_TYPE Type)

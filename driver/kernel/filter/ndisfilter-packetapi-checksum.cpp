@@ -13,6 +13,7 @@
  */
 #include "precomp.h"
 #include "ndisfilter-global.h"
+#include "ndisfilter-frame.h"
 
 namespace {
 
@@ -59,11 +60,6 @@ VOID StoreChecksum(PUCHAR Field, USHORT Checksum)
     RtlCopyMemory(Field, &Checksum, sizeof(Checksum));
 }
 
-USHORT ReadBigEndian16(const UCHAR *p)
-{
-    return (USHORT)((p[0] << 8) | p[1]);
-}
-
 } // namespace
 
 /* The checksum of `Length` bytes, as stored into a header. Exposed for the benchmark. */
@@ -88,7 +84,7 @@ EXTERN_C FILTER_STATUS NTAPI Filter_CalculatePacketCheckSum(PUCHAR IpHeader, ULO
     }
 
     ULONG headerLength = 4 * (IpHeader[0] & 0x0F);
-    ULONG totalLength = ReadBigEndian16(IpHeader + 2);
+    ULONG totalLength = NfReadBigEndian16(IpHeader + 2);
     PUCHAR transport = IpHeader + headerLength;
     /* A total length shorter than the header leaves no transport part to sum. */
     ULONG length = totalLength > headerLength ? totalLength - headerLength : 0;

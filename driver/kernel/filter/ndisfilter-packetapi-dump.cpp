@@ -8,22 +8,11 @@
  */
 #include "precomp.h"
 #include "ndisfilter-global.h"
+#include "ndisfilter-frame.h"
 
 namespace {
 
 const char HexDigits[] = "0123456789ABCDEF";
-
-USHORT ReadBigEndian16(const UCHAR *p)
-{
-    return (USHORT)((p[0] << 8) | p[1]);
-}
-
-ULONG ReadAddress(const UCHAR *p)
-{
-    ULONG address;
-    RtlCopyMemory(&address, p, sizeof(address));
-    return address;
-}
 
 /*
  * "<title>, Size = <n> - 0x<n>" and then one line per 16 bytes: the offset in
@@ -57,15 +46,15 @@ VOID DumpArp(const UCHAR *Frame)
 {
     CHAR mac[18];
     CHAR address[16];
-    NF_PRINT(" - arp_hrd = %d\n", (int)ReadBigEndian16(Frame + 14));
-    NF_PRINT(" - arp_pro = %d\n", (int)ReadBigEndian16(Frame + 16));
+    NF_PRINT(" - arp_hrd = %d\n", (int)NfReadBigEndian16(Frame + 14));
+    NF_PRINT(" - arp_pro = %d\n", (int)NfReadBigEndian16(Frame + 16));
     NF_PRINT(" - arp_hln = %d\n", (int)Frame[18]);
     NF_PRINT(" - arp_pln = %d\n", (int)Frame[19]);
-    NF_PRINT(" - arp_op  = %s\n", ReadBigEndian16(Frame + 20) == 1 ? "ARPOP_REQUEST" : "ARPOP_REPLY");
+    NF_PRINT(" - arp_op  = %s\n", NfReadBigEndian16(Frame + 20) == 1 ? "ARPOP_REQUEST" : "ARPOP_REPLY");
     NF_PRINT(" - arp_sha = %s\n", inet_mtoa(Frame + 22, mac, sizeof(mac)));
-    NF_PRINT(" - arp_spa = %s\n", inet_ntoa(ReadAddress(Frame + 28), address, sizeof(address)));
+    NF_PRINT(" - arp_spa = %s\n", inet_ntoa(NfReadWireWord(Frame + 28), address, sizeof(address)));
     NF_PRINT(" - arp_tha = %s\n", inet_mtoa(Frame + 32, mac, sizeof(mac)));
-    NF_PRINT(" - arp_tpa = %s\n", inet_ntoa(ReadAddress(Frame + 38), address, sizeof(address)));
+    NF_PRINT(" - arp_tpa = %s\n", inet_ntoa(NfReadWireWord(Frame + 38), address, sizeof(address)));
 }
 
 PCSTR ProtocolName(UCHAR Protocol)
@@ -84,11 +73,11 @@ VOID DumpIp(PFilterPacket Packet)
     const UCHAR *ip = Packet->m_pIp;
     CHAR source[16];
     CHAR destination[16];
-    USHORT flags = ReadBigEndian16(ip + 6);
+    USHORT flags = NfReadBigEndian16(ip + 6);
     ULONG fragmentOffset = (flags & 0x1FFF) * 8u;
     NF_PRINT(" - SrcIP %s, DstIP %s, PacketId 0x%x, Proto: %s DF:%c MF:%c FO:%d %s\n",
-             inet_ntoa(ReadAddress(ip + 12), source, sizeof(source)),
-             inet_ntoa(ReadAddress(ip + 16), destination, sizeof(destination)), (unsigned)ReadBigEndian16(ip + 4),
+             inet_ntoa(NfReadWireWord(ip + 12), source, sizeof(source)),
+             inet_ntoa(NfReadWireWord(ip + 16), destination, sizeof(destination)), (unsigned)NfReadBigEndian16(ip + 4),
              ProtocolName(ip[9]), (flags & 0x4000) ? 'T' : 'F', (flags & 0x2000) ? 'T' : 'F', (int)fragmentOffset,
              fragmentOffset > 0 ? "IP Fragment" : "");
     if (fragmentOffset > 0)
@@ -96,16 +85,16 @@ VOID DumpIp(PFilterPacket Packet)
     const UCHAR *transport = ip + 4 * (ip[0] & 0x0F);
     switch (ip[9]) {
     case 1:
-        NF_PRINT(" - ICMP ID %d, Sequence %d\n", (int)ReadBigEndian16(transport + 4),
-                 (int)ReadBigEndian16(transport + 6));
+        NF_PRINT(" - ICMP ID %d, Sequence %d\n", (int)NfReadBigEndian16(transport + 4),
+                 (int)NfReadBigEndian16(transport + 6));
         break;
     case 6:
-        NF_PRINT(" - TCP SrcPort %d, DstPort %d\n", (int)ReadBigEndian16(Packet->m_pTcp),
-                 (int)ReadBigEndian16(Packet->m_pTcp + 2));
+        NF_PRINT(" - TCP SrcPort %d, DstPort %d\n", (int)NfReadBigEndian16(Packet->m_pTcp),
+                 (int)NfReadBigEndian16(Packet->m_pTcp + 2));
         break;
     case 17:
-        NF_PRINT(" - UDP SrcPort %d, DstPort %d\n", (int)ReadBigEndian16(Packet->m_pUdp),
-                 (int)ReadBigEndian16(Packet->m_pUdp + 2));
+        NF_PRINT(" - UDP SrcPort %d, DstPort %d\n", (int)NfReadBigEndian16(Packet->m_pUdp),
+                 (int)NfReadBigEndian16(Packet->m_pUdp + 2));
         break;
     default:
         NF_PRINT(" - Other protocl %d\n", (int)ip[9]);
@@ -134,7 +123,7 @@ EXTERN_C VOID NTAPI Filter_DumpPacket(PCSTR Title, PFilterPacket Packet)
         return;
 
     const UCHAR *frame = Packet->m_pEthernet != NULL ? Packet->m_pEthernet : Packet->m_Data;
-    USHORT etherType = ReadBigEndian16(frame + 12);
+    USHORT etherType = NfReadBigEndian16(frame + 12);
     PCSTR suffix = etherType == 0x0800 ? "/IP" : etherType == 0x0806 ? "/ARP" : etherType == 0x8035 ? "/RARP" : "";
     CHAR source[18];
     CHAR destination[18];

@@ -12,6 +12,7 @@
  */
 #include "precomp.h"
 #include "ndisfilter-global.h"
+#include "ndisfilter-frame.h"
 
 /*
  * Filter_AllocatePacketp - a new packet for `Adapter` from the hook driver, or
@@ -176,11 +177,6 @@ EXTERN_C VOID NTAPI Filter_ClearPacketReleaseCallback(PFilterPacket Packet)
 
 namespace {
 
-USHORT ReadBigEndian16(const UCHAR *p)
-{
-    return (USHORT)((p[0] << 8) | p[1]);
-}
-
 } // namespace
 
 /*
@@ -207,7 +203,7 @@ EXTERN_C FILTER_STATUS NTAPI Filter_InitPacketHeader(PFilterPacket Packet, PUCHA
     Packet->m_pIcmp = Packet->m_pDhcp = Packet->m_pDns = NULL;
 
     LONG code = FilterGuard([&] {
-        USHORT etherType = ReadBigEndian16(frame + 12);
+        USHORT etherType = NfReadBigEndian16(frame + 12);
         if (etherType == 0x0806) {
             Packet->m_pArp = frame + 14;
             NF_TRACE(NF_DBG_PACKET, "pPacket->m_pArp = 0x%p\n", (PVOID)Packet->m_pArp);
@@ -220,7 +216,7 @@ EXTERN_C FILTER_STATUS NTAPI Filter_InitPacketHeader(PFilterPacket Packet, PUCHA
         Packet->m_pIp = ip;
         NF_TRACE(NF_DBG_PACKET, "pPacket->m_pIp = 0x%p\n", (PVOID)ip);
         Packet->m_nProtocol = ip[9];
-        if ((ReadBigEndian16(ip + 6) & 0x1FFF) * 8 > 0) {
+        if ((NfReadBigEndian16(ip + 6) & 0x1FFF) * 8 > 0) {
             NF_TRACE(NF_DBG_PACKET, " - IP Fragment\n");
             return;
         }
@@ -230,11 +226,11 @@ EXTERN_C FILTER_STATUS NTAPI Filter_InitPacketHeader(PFilterPacket Packet, PUCHA
         case 17: {
             Packet->m_pUdp = transport;
             NF_TRACE(NF_DBG_PACKET, "pPacket->m_pUdp = 0x%p\n", (PVOID)transport);
-            USHORT destination = ReadBigEndian16(transport + 2);
+            USHORT destination = NfReadBigEndian16(transport + 2);
             if (destination == 68 || destination == 67) {
                 Packet->m_pDhcp = transport + 8;
                 NF_TRACE(NF_DBG_PACKET, "pPacket->m_pDhcp = 0x%p\n", (PVOID)Packet->m_pDhcp);
-            } else if (destination == 53 || ReadBigEndian16(transport) == 53) {
+            } else if (destination == 53 || NfReadBigEndian16(transport) == 53) {
                 Packet->m_pDns = transport + 8;
                 NF_TRACE(NF_DBG_PACKET, "pPacket->m_pDns = 0x%p\n", (PVOID)Packet->m_pDns);
             }

@@ -11,6 +11,7 @@
  */
 #include "precomp.h"
 #include "ndisfilter-global.h"
+#include "ndisfilter-frame.h"
 #include "ndisfilter-records.h"
 
 #define NF_INJECT_WAIT_MS 10 /* bounds the delay of a packet queued between drain and reset */
@@ -336,10 +337,7 @@ ULONG QueueOf(PFilterPacket Packet)
 {
     if (Packet->m_pIp == NULL)
         return 0;
-    ULONG source, destination;
-    RtlCopyMemory(&source, Packet->m_pIp + 12, sizeof(source));
-    RtlCopyMemory(&destination, Packet->m_pIp + 16, sizeof(destination));
-    return (source + destination) & 1;
+    return (NfReadWireWord(Packet->m_pIp + 12) + NfReadWireWord(Packet->m_pIp + 16)) & 1;
 }
 
 VOID Enqueue(PFilterPacket Packet)

@@ -100,6 +100,11 @@ VOID NdisFilter_RemoveOwnedRecords(PLIST_ENTRY Head, PFilterDriver Record::*Owne
     }
 }
 
+/* A counted string copied behind `Header` in the same block, followed by two zero bytes. */
+VOID NdisFilter_CopyNameBehind(PSTRING Destination, PVOID Header, SIZE_T HeaderSize, const STRING *Source);
+/* A new block (Filter_AllocateMemory, `PoolTag`) holding a counted string and a copy of `Name`, or NULL. */
+PSTRING NdisFilter_DuplicateName(const STRING *Name, ULONG PoolTag);
+
 /* Prints "<function>: Invalid Handle 0x<handle>, bad tag 0x<tag>" whatever the mask says. */
 #define NF_PRINT_INVALID_HANDLE(name, handle, tag) \
     NF_PRINT(name ": Invalid Handle 0x%p, bad tag 0x%x\n", (PVOID)(handle), (unsigned)(tag))
