@@ -298,14 +298,13 @@ EXTERN_C VOID NTAPI NdisFilterUnload(PDRIVER_OBJECT DriverObject)
         NF_TRACE(NF_DBG_CORE, "  IoDeleteSymbolicLink(%s), status = 0x%x\n", SymbolicLinkText, (unsigned)status);
     }
     PDEVICE_OBJECT device = g_pGlobal->m_pDeviceObject;
+    g_pGlobal = NULL; /* the state lives in the device extension */
     if (device != NULL) {
-        g_pGlobal = NULL; /* the state lives in the device extension */
         IoDeleteDevice(device);
         NF_TRACE(NF_DBG_CORE, "  IoDeleteDevice(%s)\n", DeviceNameText);
     }
 
     NF_TRACE(NF_DBG_CORE, "Leave NdisFilterUnload\n");
-    g_pGlobal = NULL;
     GlobalDebugFlag = 0;
     g_PendingPacketLimit = NF_DEFAULT_PENDING_PACKET_LIMIT;
     g_nMappedMemorySize = 0;
