@@ -18,8 +18,8 @@ EXTERN_C ULONG NTAPI htonl(ULONG Value)
 }
 
 /* One routine under two names each: network and host order differ the same way both ways. */
-EXTERN_C USHORT NTAPI ntohs(USHORT Value) __attribute__((alias("htons")));
-EXTERN_C ULONG NTAPI ntohl(ULONG Value) __attribute__((alias("htonl")));
+EXTERN_C USHORT NTAPI ntohs(USHORT Value) NF_SAME_ROUTINE_AS(htons);
+EXTERN_C ULONG NTAPI ntohl(ULONG Value) NF_SAME_ROUTINE_AS(htonl);
 
 namespace {
 

@@ -14,5 +14,16 @@
 #include <ndis.h>
 #endif
 
+/*
+ * A second exported name for a routine. The Windows image gets it from the
+ * module-definition file (ntohs=htons); GNU compilers also give the host
+ * library the symbol itself.
+ */
+#if defined(__GNUC__)
+#define NF_SAME_ROUTINE_AS(routine) __attribute__((alias(#routine)))
+#else
+#define NF_SAME_ROUTINE_AS(routine)
+#endif
+
 #include "include/ndisfilter.h"
 #include "guard.h"
