@@ -71,16 +71,27 @@ EXTERN_C FILTER_STATUS NTAPI Filter_FreeMemory(PVOID Memory)
     return status;
 }
 
-/* Filter_InitializeLock - an unowned lock. Any IRQL. */
-EXTERN_C FILTER_STATUS NTAPI Filter_InitializeLock(PFilterLock Lock)
+namespace {
+
+/* The frame of the lock functions: a missing record is refused, otherwise `Action` runs on it. */
+template <typename Action>
+FILTER_STATUS OnLock(PCSTR Name, PFilterLock Lock, Action &&action)
 {
     FILTER_STATUS status = FILTER_STATUS_SUCCESS;
-    NfStatusTrace trace(NF_DBG_COMMON, "Filter_InitializeLock", status);
+    NfStatusTrace trace(NF_DBG_COMMON, Name, status);
     if (Lock == NULL)
         status = FILTER_ERROR_INVALID_ARGUMENT;
     else
-        KeInitializeSpinLock(&Lock->m_SpinLock);
+        action(Lock);
     return status;
+}
+
+} // namespace
+
+/* Filter_InitializeLock - an unowned lock. Any IRQL. */
+EXTERN_C FILTER_STATUS NTAPI Filter_InitializeLock(PFilterLock Lock)
+{
+    return OnLock("Filter_InitializeLock", Lock, [](PFilterLock lock) { KeInitializeSpinLock(&lock->m_SpinLock); });
 }
 
 /*
@@ -89,33 +100,19 @@ EXTERN_C FILTER_STATUS NTAPI Filter_InitializeLock(PFilterLock Lock)
  */
 EXTERN_C FILTER_STATUS NTAPI Filter_AcquireLock(PFilterLock Lock)
 {
-    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
-    NfStatusTrace trace(NF_DBG_COMMON, "Filter_AcquireLock", status);
-    if (Lock == NULL)
-        status = FILTER_ERROR_INVALID_ARGUMENT;
-    else
-        Lock->m_OldIrql = KeAcquireSpinLockRaiseToDpc(&Lock->m_SpinLock);
-    return status;
+    return OnLock("Filter_AcquireLock", Lock,
+                  [](PFilterLock lock) { lock->m_OldIrql = KeAcquireSpinLockRaiseToDpc(&lock->m_SpinLock); });
 }
 
 /* Filter_ReleaseLock - releases the lock and returns to the saved level. */
 EXTERN_C FILTER_STATUS NTAPI Filter_ReleaseLock(PFilterLock Lock)
 {
-    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
-    NfStatusTrace trace(NF_DBG_COMMON, "Filter_ReleaseLock", status);
-    if (Lock == NULL)
-        status = FILTER_ERROR_INVALID_ARGUMENT;
-    else
-        KeReleaseSpinLock(&Lock->m_SpinLock, Lock->m_OldIrql);
-    return status;
+    return OnLock("Filter_ReleaseLock", Lock,
+                  [](PFilterLock lock) { KeReleaseSpinLock(&lock->m_SpinLock, lock->m_OldIrql); });
 }
 
 /* Filter_FreeLock - a spin lock holds nothing; only the argument is checked. */
 EXTERN_C FILTER_STATUS NTAPI Filter_FreeLock(PFilterLock Lock)
 {
-    FILTER_STATUS status = FILTER_STATUS_SUCCESS;
-    NfStatusTrace trace(NF_DBG_COMMON, "Filter_FreeLock", status);
-    if (Lock == NULL)
-        status = FILTER_ERROR_INVALID_ARGUMENT;
-    return status;
+    return OnLock("Filter_FreeLock", Lock, [](PFilterLock) {});
 }

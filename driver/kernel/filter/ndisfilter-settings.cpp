@@ -56,6 +56,32 @@ VOID NTAPI SafeDebugFlagWorker(PVOID context)
     ExFreePool(read);
 }
 
+/*
+ * A copy of Source, its last Tail->Length bytes replaced by Tail (no Tail:
+ * nothing replaced), in a new non-paged buffer owned by Destination, one
+ * character longer for a terminating zero.
+ */
+NTSTATUS CopyRegistryPath(const UNICODE_STRING *Source, const UNICODE_STRING *Tail, PUNICODE_STRING Destination)
+{
+    USHORT tailLength = Tail != NULL ? Tail->Length : 0;
+    /* The copy must fit the buffer sized from MaximumLength, and the new maximum a USHORT. */
+    if (Source == NULL || Destination == NULL || Source->Length > Source->MaximumLength ||
+        tailLength > Source->Length || Source->MaximumLength > 0xFFFF - sizeof(WCHAR))
+        return STATUS_INVALID_PARAMETER;
+    PWSTR buffer = AllocateStringBuffer(Source->MaximumLength);
+    if (buffer == NULL)
+        return STATUS_INSUFFICIENT_RESOURCES;
+    USHORT kept = (USHORT)(Source->Length - tailLength);
+    RtlCopyMemory(buffer, Source->Buffer, kept);
+    if (tailLength != 0)
+        RtlCopyMemory((PUCHAR)buffer + kept, Tail->Buffer, tailLength);
+    buffer[Source->Length / sizeof(WCHAR)] = L'\0';
+    Destination->Buffer = buffer;
+    Destination->Length = Source->Length;
+    Destination->MaximumLength = (USHORT)(Source->MaximumLength + sizeof(WCHAR));
+    return STATUS_SUCCESS;
+}
+
 } // namespace
 
 /*
@@ -65,25 +91,7 @@ VOID NTAPI SafeDebugFlagWorker(PVOID context)
 EXTERN_C NTSTATUS NTAPI Filter_SaveDriverRegistryPath(PUNICODE_STRING Source, PUNICODE_STRING Destination)
 {
     NF_ENTER(NF_DBG_COMMON, "Filter_SaveDriverRegistryPath");
-    NTSTATUS status = STATUS_SUCCESS;
-
-    /* The copy must fit the buffer sized from MaximumLength, and the new maximum a USHORT. */
-    if (Source == NULL || Destination == NULL || Source->Length > Source->MaximumLength ||
-        Source->MaximumLength > 0xFFFF - sizeof(WCHAR)) {
-        status = STATUS_INVALID_PARAMETER;
-    } else {
-        PWSTR buffer = AllocateStringBuffer(Source->MaximumLength);
-        if (buffer == NULL) {
-            status = STATUS_INSUFFICIENT_RESOURCES;
-        } else {
-            RtlCopyMemory(buffer, Source->Buffer, Source->Length);
-            buffer[Source->Length / sizeof(WCHAR)] = L'\0';
-            Destination->Buffer = buffer;
-            Destination->Length = Source->Length;
-            Destination->MaximumLength = (USHORT)(Source->MaximumLength + sizeof(WCHAR));
-        }
-    }
-
+    NTSTATUS status = CopyRegistryPath(Source, NULL, Destination);
     NF_TRACE(NF_DBG_COMMON, "Leave Filter_SaveDriverRegistryPath, 0x%x\n", (unsigned)status);
     return status;
 }
@@ -96,26 +104,7 @@ EXTERN_C NTSTATUS NTAPI Filter_ReplaceDriverRegistryPath(PUNICODE_STRING Source,
                                                          PUNICODE_STRING Destination)
 {
     NF_ENTER(NF_DBG_COMMON, "Filter_ReplaceDriverRegistryPath");
-    NTSTATUS status = STATUS_SUCCESS;
-
-    if (Source == NULL || Tail == NULL || Destination == NULL || Source->Length > Source->MaximumLength ||
-        Tail->Length > Source->Length || Source->MaximumLength > 0xFFFF - sizeof(WCHAR)) {
-        status = STATUS_INVALID_PARAMETER;
-    } else {
-        PWSTR buffer = AllocateStringBuffer(Source->MaximumLength);
-        if (buffer == NULL) {
-            status = STATUS_INSUFFICIENT_RESOURCES;
-        } else {
-            USHORT kept = (USHORT)(Source->Length - Tail->Length);
-            RtlCopyMemory(buffer, Source->Buffer, kept);
-            RtlCopyMemory((PUCHAR)buffer + kept, Tail->Buffer, Tail->Length);
-            buffer[Source->Length / sizeof(WCHAR)] = L'\0';
-            Destination->Buffer = buffer;
-            Destination->Length = Source->Length;
-            Destination->MaximumLength = (USHORT)(Source->MaximumLength + sizeof(WCHAR));
-        }
-    }
-
+    NTSTATUS status = Tail == NULL ? STATUS_INVALID_PARAMETER : CopyRegistryPath(Source, Tail, Destination);
     NF_TRACE(NF_DBG_COMMON, "Leave Filter_ReplaceDriverRegistryPath, 0x%x\n", (unsigned)status);
     return status;
 }
