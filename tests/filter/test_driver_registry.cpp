@@ -121,12 +121,18 @@ TEST_F(DriverRegistry, DeregisteringRemovesTheDriversFiltersFromEveryChainAndNot
     EXPECT_EQ(HkPoolLiveAllocationCountWithTag(0x4146664E), 0u);
 }
 
-TEST_F(DriverRegistry, ADeregisteredHandleWithItsTagIntactIsNotFound)
+TEST_F(DriverRegistry, ADeregisteredHandleFailsEveryCheckAndOwnsNothingNew)
 {
     PFilterDriver driver = RegisterDriver("gone");
     ASSERT_EQ(Filter_DeregisterDriver(driver), FILTER_STATUS_SUCCESS);
-    /* The freed record still carries its tag: only the list tells it is gone. */
-    EXPECT_EQ(Filter_DeregisterDriver(driver), FILTER_ERROR_DRIVER_NOT_FOUND);
+    EXPECT_FALSE(Filter_IsValidDriver(driver));
+    EXPECT_EQ(Filter_DeregisterDriver(driver), FILTER_ERROR_INVALID_DRIVER_HANDLE);
+    STRING name = Counted("orphan");
+    PPacketFilter orphan = nullptr;
+    EXPECT_EQ(Filter_RegisterFilter(driver, &name, BypassEverything, nullptr, FILTER_TYPE_INCOMING_PACKET, FILTER_ORDER_FIRST,
+                                    &orphan),
+              FILTER_ERROR_INVALID_DRIVER_HANDLE);
+    EXPECT_EQ(orphan, nullptr);
     EXPECT_EQ(Filter_DeregisterDriver(nullptr), FILTER_ERROR_INVALID_ARGUMENT);
 }
 

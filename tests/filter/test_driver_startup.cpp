@@ -86,33 +86,25 @@ TEST_F(DriverStartup, WithoutTheServiceKeyBothReadsFailAndTheDefaultsHold)
     EXPECT_EQ(g_PendingPacketLimit, 2048u);
 }
 
-TEST_F(DriverStartup, AnExistingSymbolicLinkFailsEntryWithItsStatusAndLeavesTheDevice)
+TEST_F(DriverStartup, AnExistingSymbolicLinkFailsEntryWithItsStatusAndLeavesNothingRunning)
 {
     UNICODE_STRING link, target;
     RtlInitUnicodeString(&link, L"\\DosDevices\\NdisFilter");
     RtlInitUnicodeString(&target, L"\\Device\\SomethingElse");
     ASSERT_EQ(IoCreateSymbolicLink(&link, &target), STATUS_SUCCESS);
 
-    HkRegistryReset();
-    HkRegistryCreateKey(nftest::ServiceKey());
-    HkRegistrySetDword(nftest::ServiceKey(), "GlobalDebugFlag", 0x100);
-    HkDebugClearCapture();
-    PDRIVER_OBJECT driver = nullptr;
-    EXPECT_EQ(HkLoadDriver(DriverEntry, "NdisFilter", &driver), STATUS_OBJECT_NAME_COLLISION);
-
+    EXPECT_EQ(Load(0x100), STATUS_OBJECT_NAME_COLLISION);
     auto lines = nftest::TakeTrace();
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines.back(),
-              "  IoCreateSymbolicLink(\\DosDevices\\NdisFilter -> \\Device\\NdisFilter) fails, status = 0xc0000035");
-    EXPECT_NE(HkFindDevice("\\Device\\NdisFilter"), nullptr);
-    EXPECT_FALSE(g_pGlobal->m_bSymbolicLinkCreated);
-
-    /* The state was built; take it down by hand, as nothing else will. */
-    NdisFilterUnload(driver);
+    EXPECT_GE(nftest::FindLine(lines,
+                               "  IoCreateSymbolicLink(\\DosDevices\\NdisFilter -> \\Device\\NdisFilter) fails, "
+                               "status = 0xc0000035"),
+              0);
+    /* The image goes without a call to unload: its threads, state and device went with the entry. */
+    EXPECT_EQ(HkSystemThreadCount(), 0u);
     EXPECT_EQ(HkFindDevice("\\Device\\NdisFilter"), nullptr);
+    EXPECT_EQ(g_pGlobal, nullptr);
     EXPECT_TRUE(HkSymbolicLinkExists("\\DosDevices\\NdisFilter"));
     EXPECT_EQ(IoDeleteSymbolicLink(&link), STATUS_SUCCESS);
-    HkDiscardDriver(driver);
 }
 
 TEST_F(DriverStartup, ThreeWorkerThreadsRunAtPriority16UntilTeardownStopsThem)
@@ -141,7 +133,7 @@ TEST_F(DriverStartup, ThreeWorkerThreadsRunAtPriority16UntilTeardownStopsThem)
     EXPECT_EQ(HkPoolLiveAllocationCount(), 0u);
 }
 
-TEST_F(DriverStartup, WithoutMappedMemoryTheShareThreadIsNotStarted)
+TEST_F(DriverStartup, WithoutMappedMemoryTheShareThreadIsNotStartedAndUnloadStillEndsTheOthers)
 {
     HkPoolFailAllocations(0x4D70614D /* "MapM" */, 1);
     ASSERT_EQ(Load(0x100), STATUS_SUCCESS);
@@ -152,9 +144,21 @@ TEST_F(DriverStartup, WithoutMappedMemoryTheShareThreadIsNotStarted)
     EXPECT_EQ(g_pGlobal->m_pMappedMemory, nullptr);
     EXPECT_EQ(g_pGlobal->m_nNdisHelperWorkThread, 2);
 
-    /* Teardown would leave the injected-packet threads running; stop them here first. */
-    g_pGlobal->m_bStopShare = TRUE;
-    ASSERT_TRUE(NdisWaitEvent(&g_pGlobal->m_WorkThreadExitEvent, 5000));
+    Unload();
+    EXPECT_EQ(HkSystemThreadCount(), 0u);
+    EXPECT_EQ(HkPoolLiveAllocationCount(), 0u);
+}
+
+TEST_F(DriverStartup, UnloadWaitsForTheSafeDebugFlagRead)
+{
+    ASSERT_EQ(Load(0x800), STATUS_SUCCESS);
+    ULONG result = 0;
+    KIRQL irql;
+    KeRaiseIrql(DISPATCH_LEVEL, &irql); /* the caller may run above passive level */
+    Filter_SafeGetGlobalDebugFlag(&g_RegistryPath, 5, &result);
+    KeLowerIrql(irql);
+    Unload(); /* at once: the read is waited for, never run in an unloaded image */
+    EXPECT_EQ(result, 0x800u);
 }
 
 TEST_F(DriverStartup, GetVersionWritesOnePointZeroButReportsNoBytes)

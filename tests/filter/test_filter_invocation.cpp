@@ -248,8 +248,6 @@ TEST_F(FilterInvocation, EveryMethodRunsExactlyItsPartOfTheChain)
         {FILTER_METHOD_START_AFTER_THIS_FILTER, a, {"B", "C"}},
         {FILTER_METHOD_START_AFTER_THIS_FILTER, c, {}},
         {(FILTER_METHOD)9, b, {"B", "C"}},
-        {FILTER_METHOD_START_UNTIL_THIS_FILTER, gone, {"A", "B", "C"}},
-        {FILTER_METHOD_START_AFTER_THIS_FILTER, gone, {}},
     };
     ULONG delivered = 0;
     for (const Case &test : cases) {
@@ -260,6 +258,15 @@ TEST_F(FilterInvocation, EveryMethodRunsExactlyItsPartOfTheChain)
         Filter_InvokeFiltersEx(test.method, test.given, packet);
         EXPECT_EQ(Log(), test.runs);
         EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), ++delivered);
+    }
+
+    /* A filter no longer in its chain is no place to start or stop: nothing runs, the packet is released. */
+    for (FILTER_METHOD method : {FILTER_METHOD_START_UNTIL_THIS_FILTER, FILTER_METHOD_START_AFTER_THIS_FILTER}) {
+        m_log.clear();
+        Filter_InvokeFiltersEx(method, gone, Filter_AllocatePacket(m_adapter));
+        EXPECT_TRUE(Log().empty());
+        EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), delivered);
+        EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
     }
 
     /* The walk follows the given filter's own chain. */
@@ -352,8 +359,9 @@ TEST_F(FilterInvocation, APacketQueuedForAFilterThatLeftIsReleased)
     m_kept.clear();
     ASSERT_EQ(Filter_DeregisterFilter(m_driver, consumer), FILTER_STATUS_SUCCESS);
 
+    /* Its handle fails the check: the packet is refused and released. */
     EXPECT_EQ(Filter_InjectPacketFromFilter(FILTER_METHOD_START_AFTER_THIS_FILTER, consumer, packet),
-              FILTER_STATUS_SUCCESS);
+              FILTER_ERROR_INVALID_ARGUMENT);
     WaitForQuiet();
     EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
     EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), 0u);

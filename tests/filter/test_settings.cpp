@@ -79,18 +79,6 @@ TEST_F(Settings, AStringValueIsReadIntoABufferTheRegistryAllocates)
     ExFreePool(value.Buffer);
 }
 
-TEST_F(Settings, TheSafeDebugFlagReadHappensLaterOnAWorkerThread)
-{
-    HkRegistrySetDword(Key, "GlobalDebugFlag", 0x800);
-    ULONG result = 0;
-    KIRQL irql;
-    KeRaiseIrql(DISPATCH_LEVEL, &irql); /* the caller may run above passive level */
-    Filter_SafeGetGlobalDebugFlag(&m_path.m_string, 5, &result);
-    KeLowerIrql(irql);
-    ASSERT_TRUE(HkWaitForWorkQueueIdle(5000));
-    EXPECT_EQ(result, 0x800u);
-}
-
 TEST_F(Settings, TheSavedPathIsACopyWithATerminatingZero)
 {
     UNICODE_STRING saved = {0, 0, nullptr};

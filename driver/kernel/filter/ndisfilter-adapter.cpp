@@ -26,6 +26,14 @@ struct AdapterIdTableRecord {
 
 static AdapterIdTableRecord AdapterIdTable;
 
+/*
+ * The adapters open now, by handle. Membership is decided by the address
+ * alone, never by reading the record, so a handle whose adapter has closed
+ * (and whose record the hook driver may have freed) is refused safely.
+ * Slots change with interlocked operations; readers take no lock.
+ */
+static PFilterAdapter volatile OpenAdapters[FILTER_MAX_ADAPTERS];
+
 /* At start-up: an empty table whose first identifier will be 1. */
 VOID NdisFilter_InitializeAdapterIds(VOID)
 {
@@ -34,18 +42,65 @@ VOID NdisFilter_InitializeAdapterIds(VOID)
     AdapterIdTable.m_dwNextId = 1;
 }
 
+/* TRUE when `Adapter` is open now. Any IRQL; no lock. */
+BOOLEAN NdisFilter_IsOpenAdapter(PFilterAdapter Adapter)
+{
+    if (Adapter == NULL)
+        return FALSE;
+    for (ULONG i = 0; i < FILTER_MAX_ADAPTERS; i++)
+        if (OpenAdapters[i] == Adapter)
+            return TRUE;
+    return FALSE;
+}
+
 namespace {
+
+VOID AddOpenAdapter(PFilterAdapter Adapter)
+{
+    if (NdisFilter_IsOpenAdapter(Adapter))
+        return;
+    for (ULONG i = 0; i < FILTER_MAX_ADAPTERS; i++)
+        if (InterlockedCompareExchangePointer((PVOID volatile *)&OpenAdapters[i], Adapter, NULL) == NULL)
+            return;
+}
+
+VOID RemoveOpenAdapter(PFilterAdapter Adapter)
+{
+    for (ULONG i = 0; i < FILTER_MAX_ADAPTERS; i++)
+        InterlockedCompareExchangePointer((PVOID volatile *)&OpenAdapters[i], NULL, Adapter);
+}
 
 /*
  * Has the hook driver rewrite the adapter table in place. Takes no lock:
- * readers holding m_AdapterListLock may see a refresh half done.
+ * readers holding m_AdapterListLock may see a refresh half done. A fault in
+ * the hook driver leaves an empty table.
  */
 VOID RefreshAdapterTable(VOID)
 {
-    if (!NF_HOOK_ACTIVE(Hook_GetTcpIpBoundAdapters))
+    NfHookReference hook;
+    PHOOK_GET_TCPIP_BOUND_ADAPTERS refresh = hook.Get(&NdisHookAPI::Hook_GetTcpIpBoundAdapters);
+    if (refresh == NULL)
         return;
     g_pGlobal->m_AdapterList.m_nAdapterCount = 0;
-    g_pGlobal->m_NdisHookAPI.Hook_GetTcpIpBoundAdapters(&g_pGlobal->m_AdapterList);
+    LONG code = FilterGuard([&] { refresh(&g_pGlobal->m_AdapterList); });
+    if (code != 0) {
+        NF_PRINT("Hook_GetTcpIpBoundAdapters: exception, code = %d\n", (int)code);
+        g_pGlobal->m_AdapterList.m_nAdapterCount = 0;
+    }
+}
+
+/*
+ * Stamps the adapter's tag under the fault guard; a record that cannot be
+ * written is reported under `CallerName` and the callback goes no further.
+ */
+BOOLEAN StampAdapter(PCSTR CallerName, PFilterAdapter Adapter)
+{
+    LONG code = FilterGuard([&] { Adapter->m_Tag = FILTER_ADAPTER_TAG; });
+    if (code != 0) {
+        NF_PRINT("%s: exception, code = %d\n", CallerName, (int)code);
+        return FALSE;
+    }
+    return TRUE;
 }
 
 /* The number of valid table entries, never more than the table holds. */
@@ -113,14 +168,19 @@ VOID TraceAdapterName(PFilterAdapter Adapter)
  */
 EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterOpened(PFilterAdapter Adapter)
 {
+    if (!NdisFilter_EnterCallback())
+        return STATUS_SUCCESS;
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_AdapterOpened\n");
     if (Adapter != NULL) {
         TraceAdapterName(Adapter);
-        Adapter->m_Tag = FILTER_ADAPTER_TAG;
-        RefreshAdapterTable();
-        DeliverAdapterEvent("NdisFilter_AdapterOpened", FILTER_EVENT_ADAPTER_OPENED, Adapter);
+        if (StampAdapter("NdisFilter_AdapterOpened", Adapter)) {
+            AddOpenAdapter(Adapter);
+            RefreshAdapterTable();
+            DeliverAdapterEvent("NdisFilter_AdapterOpened", FILTER_EVENT_ADAPTER_OPENED, Adapter);
+        }
     }
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_AdapterOpened\n");
+    NdisFilter_LeaveCallback();
     return STATUS_SUCCESS;
 }
 
@@ -131,6 +191,8 @@ EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterOpened(PFilterAdapter Adapter)
  */
 EXTERN_C VOID NTAPI NdisFilter_AdapterStatusChanged(PFilterAdapter Adapter, NDIS_STATUS Status)
 {
+    if (!NdisFilter_EnterCallback())
+        return;
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_AdapterStatusChanged\n");
     if (Adapter != NULL) {
         TraceAdapterName(Adapter);
@@ -142,26 +204,38 @@ EXTERN_C VOID NTAPI NdisFilter_AdapterStatusChanged(PFilterAdapter Adapter, NDIS
             NF_PRINT("Unknown adapter status 0x%x\n", (unsigned)Status);
     }
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_AdapterStatusChanged\n");
+    NdisFilter_LeaveCallback();
 }
 
 /*
  * NdisFilter_AdapterClosed - the hook driver closed an adapter. Its tag and
  * identifier stay; clients learn of the close from the event and must drop
- * the handle. IRQL <= DISPATCH_LEVEL.
+ * the handle. The injection entries refuse it from now on and the packets
+ * queued for it are released. IRQL <= DISPATCH_LEVEL.
  */
 EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterClosed(PFilterAdapter Adapter)
 {
+    if (!NdisFilter_EnterCallback())
+        return STATUS_SUCCESS;
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_AdapterClosed\n");
     if (Adapter != NULL) {
         TraceAdapterName(Adapter);
+        RemoveOpenAdapter(Adapter);
+        /* Packets still queued for it go back to the hook driver, never to the closed adapter. */
+        NdisFilter_PurgeQueuedPackets(Adapter, NULL);
         /* Capture logs of a closed adapter end with it (upper, lower, inject). */
-        Adapter->m_pUpperEthrLog = NULL;
-        Adapter->m_pLowerEthrLog = NULL;
-        Adapter->m_pInjectEthrLog = NULL;
+        LONG code = FilterGuard([&] {
+            Adapter->m_pUpperEthrLog = NULL;
+            Adapter->m_pLowerEthrLog = NULL;
+            Adapter->m_pInjectEthrLog = NULL;
+        });
+        if (code != 0)
+            NF_PRINT("NdisFilter_AdapterClosed: exception, code = %d\n", (int)code);
         RefreshAdapterTable();
         DeliverAdapterEvent("NdisFilter_AdapterClosed", FILTER_EVENT_ADAPTER_CLOSED, Adapter);
     }
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_AdapterClosed\n");
+    NdisFilter_LeaveCallback();
     return STATUS_SUCCESS;
 }
 
@@ -179,11 +253,9 @@ VOID NdisFilter_EnumOpenedAdapter(VOID)
         KIRQL irql = KeAcquireSpinLockRaiseToDpc(&g_pGlobal->m_EventHandlerLock);
         for (ULONG i = 0; i < count; i++) {
             PFilterAdapter adapter = g_pGlobal->m_AdapterList.m_Adapters[i].m_hAdapter;
-            LONG code = FilterGuard([&] { adapter->m_Tag = FILTER_ADAPTER_TAG; });
-            if (code != 0) {
-                NF_PRINT("NdisFilter_AdapterOpened: exception, code = %d\n", (int)code);
+            if (!StampAdapter("NdisFilter_AdapterOpened", adapter))
                 continue;
-            }
+            AddOpenAdapter(adapter);
             CallEventHandlers("NdisFilter_AdapterOpened", FILTER_EVENT_ADAPTER_OPENED, adapter);
         }
         KeReleaseSpinLock(&g_pGlobal->m_EventHandlerLock, irql);

@@ -157,15 +157,18 @@ VOID RemoveEventHandlers(PFilterDriver Driver)
 
 /*
  * The filter procedures are not called: the filters simply leave their
- * chains. Their tags are cleared, so a packet still queued for one of them
- * is released instead of walking a chain from a freed filter.
+ * chains. Their tags are cleared, so a stale handle fails its check, and the
+ * packets still queued for one of them are released before it is freed.
  */
 VOID RemovePacketFilters(PFilterDriver Driver)
 {
     for (ULONG type = 0; type < FILTER_TYPE_COUNT; type++) {
         NfWriteLock lock(&g_pGlobal->m_PacketFilterLock[type]);
         NdisFilter_RemoveOwnedRecords(&g_pGlobal->m_PacketFilterList[type], &PacketFilter::m_hFilterDriver, Driver,
-                                      [](PacketFilter *filter) { filter->m_Tag = 0; });
+                                      [](PacketFilter *filter) {
+                                          filter->m_Tag = 0;
+                                          NdisFilter_PurgeQueuedPackets(NULL, filter);
+                                      });
     }
 }
 
@@ -231,7 +234,8 @@ EXTERN_C FILTER_STATUS NTAPI Filter_DeregisterDriver(PFilterDriver FilterDriver)
         RemovePacketFilters(FilterDriver);
         RemoveInterfaces(FilterDriver);
         RemoveIoCtrlHandlers(FilterDriver);
-        Filter_FreeMemory(FilterDriver); /* the tag stays as it was */
+        FilterDriver->m_Tag = 0; /* a stale handle no longer passes the check */
+        Filter_FreeMemory(FilterDriver);
     }
     return status;
 }

@@ -106,6 +106,8 @@ EXTERN_C BOOLEAN NTAPI Filter_IsValidFilter(PPacketFilter Filter)
         NF_PRINT_EXCEPTION("Filter_IsValidFilter", code);
         return FALSE;
     }
+    if (!valid)
+        NF_PRINT_INVALID_HANDLE("Filter_IsValidFilter", Filter, FILTER_PACKET_FILTER_TAG);
     return valid;
 }
 
@@ -143,7 +145,8 @@ EXTERN_C FILTER_STATUS NTAPI Filter_DeregisterFilter(PFilterDriver FilterDriver,
             }
         }
         if (removed) {
-            Filter->m_Tag = 0; /* packets still queued for it are released, not walked */
+            Filter->m_Tag = 0; /* a stale handle no longer passes the check */
+            NdisFilter_PurgeQueuedPackets(NULL, Filter);
             Filter_FreeMemory(Filter);
             Filter_DumpFilter(type);
             /* A successful removal ends with the error line for success and no leave line. */
@@ -269,7 +272,12 @@ EXTERN_C FILTER_STATUS NTAPI Filter_DumpFilter(FILTER_TYPE Type)
     return status;
 }
 
-/* Filter_ShowFilter - prints one filter, field by field, whatever the mask says. */
+/*
+ * Filter_ShowFilter - prints one filter, field by field, whatever the mask
+ * says. The record is copied under the fault guard before anything is
+ * printed: a handle that is not a readable record prints the exception line
+ * and answers FILTER_ERROR_EXCEPTION. Names are printed up to 255 bytes.
+ */
 EXTERN_C FILTER_STATUS NTAPI Filter_ShowFilter(PPacketFilter Filter, LONG Position)
 {
     FILTER_STATUS status = FILTER_STATUS_SUCCESS;
@@ -277,24 +285,39 @@ EXTERN_C FILTER_STATUS NTAPI Filter_ShowFilter(PPacketFilter Filter, LONG Positi
         status = FILTER_ERROR_INVALID_ARGUMENT;
         return status;
     }
+    PacketFilter copy;
+    CHAR name[256];
+    int nameLength = 0;
+    LONG code = FilterGuard([&] {
+        RtlCopyMemory(&copy, (const VOID *)Filter, sizeof(copy));
+        nameLength = copy.m_FilterName.Buffer == NULL ? 0 : copy.m_FilterName.Length;
+        if (nameLength > (int)sizeof(name) - 1)
+            nameLength = (int)sizeof(name) - 1;
+        RtlCopyMemory(name, copy.m_FilterName.Buffer, nameLength);
+    });
+    if (code != 0) {
+        NF_PRINT_EXCEPTION("Filter_ShowFilter", code);
+        status = FILTER_ERROR_EXCEPTION;
+        return status;
+    }
+    name[nameLength] = '\0';
     NF_PRINT("Filter[%d] ----------- 0x%p\n", (int)Position, (PVOID)Filter);
     NF_PRINT("- &m_ListEntry      = 0x%p\n", (PVOID)&Filter->m_ListEntry);
-    NF_PRINT("-      +-Blink      = 0x%p\n", (PVOID)Filter->m_ListEntry.Blink);
-    NF_PRINT("-      +-Flink      = 0x%p\n", (PVOID)Filter->m_ListEntry.Flink);
-    NF_PRINT("- m_Tag             = 0x%x\n", (unsigned)Filter->m_Tag);
-    NF_PRINT("- m_FilterName      = %*.*s\n", (int)Filter->m_FilterName.Length, (int)Filter->m_FilterName.Length,
-             Filter->m_FilterName.Buffer);
-    NF_PRINT("- m_hFilterDriver   = 0x%p\n", (PVOID)Filter->m_hFilterDriver);
-    NF_PRINT("- m_pDriverContext  = 0x%p\n", Filter->m_pDriverContext);
-    NF_PRINT("- m_pfFilterProc    = 0x%p\n", (PVOID)Filter->m_pfFilterProc);
-    NF_PRINT("- m_pFilterContext  = 0x%p\n", Filter->m_pFilterContext);
-    NF_PRINT("- m_FilterType      = %ld - %s\n", (LONG)Filter->m_FilterType, Filter_TypeString(Filter->m_FilterType));
-    NF_PRINT("- m_FilterOrder     = %lu - %s\n", (ULONG)Filter->m_FilterOrder,
-             Filter_OrderString((FILTER_ORDER)Filter->m_FilterOrder));
-    NF_PRINT("- m_PacketProcess   = %ld\n", (LONG)Filter->m_PacketProcess);
-    NF_PRINT("- m_PacketBypass    = %ld\n", (LONG)Filter->m_PacketBypass);
-    NF_PRINT("- m_PacketDiscard   = %ld\n", (LONG)Filter->m_PacketDiscard);
-    NF_PRINT("- m_PacketConsume   = %ld\n", (LONG)Filter->m_PacketConsume);
-    NF_PRINT("- m_PacketCapture   = %ld\n", (LONG)Filter->m_PacketCapture);
+    NF_PRINT("-      +-Blink      = 0x%p\n", (PVOID)copy.m_ListEntry.Blink);
+    NF_PRINT("-      +-Flink      = 0x%p\n", (PVOID)copy.m_ListEntry.Flink);
+    NF_PRINT("- m_Tag             = 0x%x\n", (unsigned)copy.m_Tag);
+    NF_PRINT("- m_FilterName      = %*.*s\n", nameLength, nameLength, name);
+    NF_PRINT("- m_hFilterDriver   = 0x%p\n", (PVOID)copy.m_hFilterDriver);
+    NF_PRINT("- m_pDriverContext  = 0x%p\n", copy.m_pDriverContext);
+    NF_PRINT("- m_pfFilterProc    = 0x%p\n", (PVOID)copy.m_pfFilterProc);
+    NF_PRINT("- m_pFilterContext  = 0x%p\n", copy.m_pFilterContext);
+    NF_PRINT("- m_FilterType      = %ld - %s\n", (LONG)copy.m_FilterType, Filter_TypeString(copy.m_FilterType));
+    NF_PRINT("- m_FilterOrder     = %lu - %s\n", (ULONG)copy.m_FilterOrder,
+             Filter_OrderString((FILTER_ORDER)copy.m_FilterOrder));
+    NF_PRINT("- m_PacketProcess   = %ld\n", (LONG)copy.m_PacketProcess);
+    NF_PRINT("- m_PacketBypass    = %ld\n", (LONG)copy.m_PacketBypass);
+    NF_PRINT("- m_PacketDiscard   = %ld\n", (LONG)copy.m_PacketDiscard);
+    NF_PRINT("- m_PacketConsume   = %ld\n", (LONG)copy.m_PacketConsume);
+    NF_PRINT("- m_PacketCapture   = %ld\n", (LONG)copy.m_PacketCapture);
     return status;
 }

@@ -4,6 +4,9 @@
  */
 #pragma once
 
+/* The Ethernet header in front of ARP and IPv4. */
+#define NF_ETHERNET_HEADER_SIZE 14
+
 /* A 16-bit field in network (big-endian) order. */
 inline USHORT NfReadBigEndian16(const UCHAR *Field)
 {

@@ -39,6 +39,18 @@ typedef struct _FilterLogRecord {
 
 C_ASSERT(sizeof(FilterLogRecord) == 1056);
 
+/*
+ * The framework's own view of one shared ring. The program can rewrite every
+ * byte of the shared area at any moment, so the geometry, the block base and
+ * the index the framework owns live here, and only the program's index is
+ * read from the shared header (and checked) before use.
+ */
+typedef struct _NfSharedRing {
+    PSharedBlockRing m_pHeader; /* the header the program sees */
+    PSharedBlock m_pBlocks;     /* kernel address of block 0 */
+    LONG m_iOwnIndex;           /* input ring: read index; output ring: write index */
+} NfSharedRing;
+
 typedef struct _NdisFilterDeviceExtension {
     PDEVICE_OBJECT m_pDeviceObject;
     UNICODE_STRING m_DeviceSymbolicLink;
@@ -49,8 +61,13 @@ typedef struct _NdisFilterDeviceExtension {
 
     /* shared-memory channel */
     PMappedMemory m_pMappedMemory;
+    PMDL m_pMappedMemoryMdl;  /* the framework's copies of the mapping, */
+    PVOID m_pUserMapping;     /* never read back from the shared area */
+    KEVENT m_ShareOwnerLock;  /* serialises taking and giving back the share */
     PFILE_OBJECT m_FileObject;
     PSharedMemory m_pSharedMemory;
+    NfSharedRing m_InputRing;
+    NfSharedRing m_OutputRing;
     volatile BOOLEAN m_bStopShare;
     NDIS_RW_LOCK m_MappedMemoryLock;
     HANDLE m_hShareMemoryThread[1];
@@ -101,6 +118,10 @@ typedef struct _NdisFilterDeviceExtension {
     LIST_ENTRY m_FilterTimerList;
     ULONG m_dwTickIncrement;
 
+    /* work items of the image in flight, plus one held by teardown */
+    volatile LONG m_nPendingWorkItems;
+    KEVENT m_WorkItemsDoneEvent;
+
     /* IOCTL handlers and diagnostics */
     NDIS_RW_LOCK m_IoCtrlHandlerLock;
     LIST_ENTRY m_IoCtrlHandlerList;
@@ -133,10 +154,18 @@ EXTERN_C VOID NdisFilterDeInitialize(VOID);
 /* A worker thread's arrival and departure in m_nNdisHelperWorkThread. */
 VOID NdisFilter_WorkerThreadEnter(VOID);
 VOID NdisFilter_WorkerThreadLeave(VOID);
+/* At teardown: returns once every worker thread has ended. */
+VOID NdisFilter_WaitForWorkerThreads(VOID);
+/* Work items of the image: counted when queued, waited for at teardown. */
+VOID NdisFilter_WorkItemQueued(VOID);
+VOID NdisFilter_WorkItemDone(VOID);
+VOID NdisFilter_WaitForWorkItems(VOID);
 
 /* ---- adapters (ndisfilter-adapter.cpp) ---- */
 VOID NdisFilter_InitializeAdapterIds(VOID);
 VOID NdisFilter_EnumOpenedAdapter(VOID);
+/* TRUE while the hook driver has `Adapter` open (decided by address). Any IRQL. */
+BOOLEAN NdisFilter_IsOpenAdapter(PFilterAdapter Adapter);
 
 /* ---- timers (ndisfilter-timer.cpp) ---- */
 VOID NdisFilter_RemoveDriverTimers(struct _FilterDriver *Driver);
@@ -175,15 +204,29 @@ EXTERN_C VOID NTAPI CancelPendingReadShare(PDEVICE_OBJECT DeviceObject, PIRP Irp
 /* ---- packets and injection (ndisfilter-packetapi.cpp) ---- */
 EXTERN_C VOID NTAPI InjectedPacketThread(PVOID StartContext);
 VOID NdisFilter_ReleaseQueuedPackets(VOID);
+/* Releases every queued packet bound for `Adapter` or handed back to `Filter` (either may be NULL). */
+VOID NdisFilter_PurgeQueuedPackets(PFilterAdapter Adapter, PPacketFilter Filter);
+/*
+ * Hand-off marks: a filter procedure runs inside a walk frame; a packet it
+ * hands on (releases, injects, queues) while inside is marked, so a fault
+ * after the hand-off leaves the packet where it went.
+ */
+VOID NdisFilter_PacketHandedOn(PFilterPacket Packet);
 
 /* The packet checksum of `Length` bytes as stored into a header (ndisfilter-packetapi-checksum.cpp). */
 EXTERN_C USHORT NdisFilter_Checksum(const UCHAR *Data, ULONG Length);
 
-/* ---- hook binding (ndisfilter-main.cpp) ---- */
-/* TRUE when the hook driver is bound and supplied the function at `field`. */
-#define NF_HOOK_ACTIVE(field)                                                    \
-    ((g_pGlobal->m_NdisHookAPI.m_Flags & NDIS_HOOK_FLAG_BOUND) != 0 &&            \
-     g_pGlobal->m_NdisHookAPI.field != NULL)
+/* ---- hook binding (ndisfilter-main-hook.cpp) ---- */
+
+/*
+ * The gate of the five callbacks the hook driver calls: open from start-up,
+ * closed at teardown, which then waits until no callback is inside. A
+ * callback that finds it closed does nothing.
+ */
+VOID NdisFilter_OpenCallbacks(VOID);
+VOID NdisFilter_CloseCallbacks(VOID);
+BOOLEAN NdisFilter_EnterCallback(VOID);
+VOID NdisFilter_LeaveCallback(VOID);
 
 /*
  * RAII holders of an NDIS read-write lock, so that every return releases it.
@@ -201,6 +244,15 @@ private:
     LOCK_STATE m_state;
 };
 
+/*
+ * A reference on the hook binding: holds m_HookAPILock for reading while it
+ * lives, so an unbind waits for every hook call made through it. Function()
+ * reads one hook function once: NULL while unbound or when not supplied.
+ * Raises to DISPATCH_LEVEL; the hook functions that need PASSIVE_LEVEL (the
+ * control-request handler, mapping into user space) are read once instead.
+ */
+class NfHookReference;
+
 class NfWriteLock {
 public:
     explicit NfWriteLock(NDIS_RW_LOCK *lock) : m_lock(lock) { NdisAcquireReadWriteLock(m_lock, TRUE, &m_state); }
@@ -211,4 +263,19 @@ public:
 private:
     NDIS_RW_LOCK *m_lock;
     LOCK_STATE m_state;
+};
+
+class NfHookReference {
+public:
+    NfHookReference() : m_lock(&g_pGlobal->m_HookAPILock) {}
+
+    template <typename Function>
+    Function Get(Function NdisHookAPI::*Field) const
+    {
+        const NdisHookAPI &api = g_pGlobal->m_NdisHookAPI;
+        return (api.m_Flags & NDIS_HOOK_FLAG_BOUND) != 0 ? api.*Field : NULL;
+    }
+
+private:
+    NfReadLock m_lock;
 };

@@ -26,6 +26,49 @@ PUCHAR Field(PNdisHookAPI Api, LONG Offset)
 
 } // namespace
 
+/* ---- the callback gate ---- */
+
+namespace {
+
+#define NF_CALLBACKS_CLOSED 0x40000000
+
+/* The callbacks inside, plus NF_CALLBACKS_CLOSED once teardown has begun. */
+volatile LONG CallbackGate = NF_CALLBACKS_CLOSED;
+
+} // namespace
+
+VOID NdisFilter_OpenCallbacks(VOID)
+{
+    InterlockedExchange(&CallbackGate, 0);
+}
+
+/* Closes the gate and waits, at PASSIVE_LEVEL, for the callbacks still inside. */
+VOID NdisFilter_CloseCallbacks(VOID)
+{
+    InterlockedOr(&CallbackGate, NF_CALLBACKS_CLOSED);
+    while (InterlockedCompareExchange(&CallbackGate, 0, 0) != NF_CALLBACKS_CLOSED) {
+        LARGE_INTEGER interval;
+        interval.QuadPart = -10000; /* 1 ms */
+        KeDelayExecutionThread(KernelMode, FALSE, &interval);
+    }
+}
+
+BOOLEAN NdisFilter_EnterCallback(VOID)
+{
+    if (InterlockedIncrement(&CallbackGate) & NF_CALLBACKS_CLOSED) {
+        InterlockedDecrement(&CallbackGate);
+        return FALSE;
+    }
+    return TRUE;
+}
+
+VOID NdisFilter_LeaveCallback(VOID)
+{
+    InterlockedDecrement(&CallbackGate);
+}
+
+/* ---- binding ---- */
+
 /* NdisFilterBindHookInterface - exchanges the callbacks and functions, then learns the open adapters. */
 VOID NdisFilterBindHookInterface(PNdisHookAPI Caller)
 {

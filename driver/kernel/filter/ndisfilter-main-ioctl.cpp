@@ -1,9 +1,10 @@
 /*
  * ndisfilter-main-ioctl.cpp - the control requests of the user program.
  *
- * All codes are buffered: input and output share one system buffer, so a
- * request that writes output overwrites its input. Codes the framework does
- * not know go to the hook driver's handler.
+ * The framework's own codes are buffered: input and output share one system
+ * buffer, so a request that writes output overwrites its input. Codes it does
+ * not know go to the hook driver's handler with the buffers their transfer
+ * type gives.
  */
 #include "precomp.h"
 #include "ndisfilter-global.h"
@@ -102,20 +103,58 @@ VOID SetCongestionControl(ControlRequest &Request)
 }
 
 /*
+ * The buffers a control code really has, by its transfer type: buffered codes
+ * share the system buffer; direct codes read from the system buffer and write
+ * to the pages of the request's MDL; METHOD_NEITHER codes carry user-mode
+ * addresses, which are never handed on: they get no buffers at all.
+ */
+VOID RequestBuffers(const ControlRequest &Request, PVOID *Input, ULONG *InputLength, PVOID *Output,
+                    ULONG *OutputLength)
+{
+    *Input = NULL;
+    *InputLength = 0;
+    *Output = NULL;
+    *OutputLength = 0;
+    switch (Request.Code & 3) { /* the transfer type: the low two bits of the code */
+    case METHOD_BUFFERED:
+        *Input = Request.Buffer;
+        *InputLength = Request.Buffer != NULL ? Request.InputLength : 0;
+        *Output = Request.Buffer;
+        *OutputLength = Request.Buffer != NULL ? Request.OutputLength : 0;
+        break;
+    case METHOD_IN_DIRECT:
+    case METHOD_OUT_DIRECT:
+        *Input = Request.Buffer;
+        *InputLength = Request.Buffer != NULL ? Request.InputLength : 0;
+        if (Request.Irp->MdlAddress != NULL) {
+            *Output = MmGetSystemAddressForMdlSafe(Request.Irp->MdlAddress, NormalPagePriority);
+            if (*Output != NULL)
+                *OutputLength = MmGetMdlByteCount(Request.Irp->MdlAddress);
+        }
+        break;
+    default:
+        break;
+    }
+}
+
+/*
  * A code the framework does not know: the hook driver's handler may claim it
  * (any status but STATUS_NOT_SUPPORTED). A fault in the handler is reported
- * and the code stays unclaimed.
+ * and the code stays unclaimed. The bytes it reports are bounded by the
+ * output it was given.
  */
 VOID OfferToHookDriver(ControlRequest &Request)
 {
     PHOOK_HANDLE_IO_CONTROL handler = g_pGlobal->m_NdisHookAPI.Hook_HandleIoControl;
     if (handler == NULL)
         return;
+    PVOID input, output;
+    ULONG inputLength, outputLength;
+    RequestBuffers(Request, &input, &inputLength, &output, &outputLength);
     ULONG returned = 0;
     NTSTATUS status = STATUS_NOT_SUPPORTED;
     LONG code = FilterGuard([&] {
-        status = handler(Request.Code, Request.Buffer, Request.InputLength, Request.Buffer, Request.OutputLength,
-                         &returned);
+        status = handler(Request.Code, input, inputLength, output, outputLength, &returned);
     });
     if (code != 0) {
         NF_PRINT("NdisFilterIoControl: exception in hook, code = %d\n", (int)code);
@@ -123,7 +162,7 @@ VOID OfferToHookDriver(ControlRequest &Request)
     }
     Request.Status = status;
     if (status != STATUS_NOT_SUPPORTED)
-        Request.Information = returned;
+        Request.Information = returned < outputLength ? returned : outputLength;
 }
 
 } // namespace

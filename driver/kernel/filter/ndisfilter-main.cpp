@@ -50,6 +50,24 @@ BOOLEAN StartWorkerThread(PHANDLE Handle, PKSTART_ROUTINE Routine, PVOID Context
 }
 
 /*
+ * Waits until the thread behind `Handle` has ended, then closes the handle.
+ * Waiting on the thread object itself, not on a flag the thread sets, means
+ * it has left the image's code when the wait returns.
+ */
+VOID WaitForThreadEnd(PHANDLE Handle)
+{
+    if (*Handle == NULL)
+        return;
+    PVOID thread = NULL;
+    if (NT_SUCCESS(ObReferenceObjectByHandle(*Handle, SYNCHRONIZE, NULL, KernelMode, &thread, NULL))) {
+        KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, NULL);
+        ObDereferenceObject(thread);
+    }
+    ZwClose(*Handle);
+    *Handle = NULL;
+}
+
+/*
  * Frees every record on a list of records allocated with Filter_AllocateMemory.
  * Each of these records keeps its list link as its first field.
  */
@@ -89,8 +107,10 @@ VOID InitializeHookApi(PNdisHookAPI Api)
 /*
  * DriverEntry - saves the registry path, reads the two settings, creates the
  * control device, builds the global state and creates the symbolic link.
- * When the link cannot be created the device and the state are left in
- * place and the link's status is returned. IRQL = PASSIVE_LEVEL.
+ * When the link cannot be created the state is torn down and the device
+ * deleted (the image is unloaded without a call to unload, so no thread or
+ * work item of it may outlive the entry), and the link's status is returned.
+ * IRQL = PASSIVE_LEVEL.
  */
 EXTERN_C NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath)
 {
@@ -125,6 +145,10 @@ EXTERN_C NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING
     if (!NT_SUCCESS(status)) {
         NF_TRACE(NF_DBG_CORE, "  IoCreateSymbolicLink(%s -> %s) fails, status = 0x%x\n", SymbolicLinkText,
                  DeviceNameText, (unsigned)status);
+        /* A failed entry unloads the image without calling unload: nothing of it may stay running. */
+        NdisFilterDeInitialize();
+        g_pGlobal = NULL;
+        IoDeleteDevice(device);
         return status;
     }
     NF_TRACE(NF_DBG_CORE, "  IoCreateSymbolicLink(%s -> %s) success\n", SymbolicLinkText, DeviceNameText);
@@ -154,6 +178,9 @@ EXTERN_C VOID NdisFilterInitialize(VOID)
 
     NdisInitializeReadWriteLock(&global->m_HookAPILock);
     InitializeHookApi(&global->m_NdisHookAPI);
+    NdisFilter_OpenCallbacks();
+    global->m_nPendingWorkItems = 1; /* teardown's own reference */
+    KeInitializeEvent(&global->m_WorkItemsDoneEvent, NotificationEvent, FALSE);
     NF_TRACE(NF_DBG_CORE, "  NDIS Hook APi Initialized\n");
 
     global->m_pMappedMemory = NdisFilter_AllocateMappedMemory();
@@ -164,6 +191,8 @@ EXTERN_C VOID NdisFilterInitialize(VOID)
 
     global->m_FileObject = NULL;
     global->m_pSharedMemory = NULL;
+    global->m_pUserMapping = NULL;
+    KeInitializeEvent(&global->m_ShareOwnerLock, SynchronizationEvent, TRUE);
     global->m_bStopShare = FALSE;
     NdisInitializeReadWriteLock(&global->m_MappedMemoryLock);
     global->m_hShareMemoryThread[0] = NULL;
@@ -258,6 +287,7 @@ EXTERN_C VOID NdisFilterDeInitialize(VOID)
     PNdisFilterDeviceExtension global = g_pGlobal;
     NF_TRACE(NF_DBG_CORE, "Enter NdisFilterDeInitialize\n");
 
+    NdisFilter_CloseCallbacks();
     NdisFilter_TerminateShare();
     NdisFilter_FreeMappedMemory();
 
@@ -271,6 +301,7 @@ EXTERN_C VOID NdisFilterDeInitialize(VOID)
     NdisFilter_DeleteEventQueue();
     FreeRecordList(&global->m_FilterTimerList);
     FreeRecordList(&global->m_IoCtrlHandlerList);
+    NdisFilter_WaitForWorkItems();
 
     if (g_RegistryPath.Buffer != NULL) {
         ExFreePool(g_RegistryPath.Buffer);
@@ -311,7 +342,41 @@ EXTERN_C VOID NTAPI NdisFilterUnload(PDRIVER_OBJECT DriverObject)
     g_dwShareValue = 0;
 }
 
-/* ---- worker threads ---- */
+/* ---- worker threads and work items ---- */
+
+/*
+ * At teardown, once m_bStopShare is set and the threads are woken: waits for
+ * m_WorkThreadExitEvent while a worker is counted, then for each thread's end.
+ */
+VOID NdisFilter_WaitForWorkerThreads(VOID)
+{
+    PNdisFilterDeviceExtension global = g_pGlobal;
+    if (global->m_nNdisHelperWorkThread != 0)
+        NdisWaitEvent(&global->m_WorkThreadExitEvent, NF_WORKER_EXIT_WAIT_MS);
+    WaitForThreadEnd(&global->m_hShareMemoryThread[0]);
+    for (ULONG queue = 0; queue < NF_INJECT_QUEUE_COUNT; queue++)
+        WaitForThreadEnd(&global->m_hInjectPacketThread[queue]);
+}
+
+/* A work item of the image is about to be queued: teardown will wait for it. */
+VOID NdisFilter_WorkItemQueued(VOID)
+{
+    InterlockedIncrement(&g_pGlobal->m_nPendingWorkItems);
+}
+
+/* The last thing a work item of the image does. */
+VOID NdisFilter_WorkItemDone(VOID)
+{
+    if (InterlockedDecrement(&g_pGlobal->m_nPendingWorkItems) == 0)
+        KeSetEvent(&g_pGlobal->m_WorkItemsDoneEvent, IO_NO_INCREMENT, FALSE);
+}
+
+/* At teardown: gives up teardown's own reference and waits for the queued work items. */
+VOID NdisFilter_WaitForWorkItems(VOID)
+{
+    if (InterlockedDecrement(&g_pGlobal->m_nPendingWorkItems) != 0)
+        KeWaitForSingleObject(&g_pGlobal->m_WorkItemsDoneEvent, Executive, KernelMode, FALSE, NULL);
+}
 
 /* The first thing a worker thread does: run at the lowest real-time priority. */
 VOID NdisFilter_WorkerThreadEnter(VOID)

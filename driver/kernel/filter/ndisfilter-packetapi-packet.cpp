@@ -22,8 +22,9 @@ EXTERN_C PFilterPacket NTAPI Filter_AllocatePacketp(PFilterAdapter Adapter, PCST
 {
     NF_TRACE(NF_DBG_PACKET, "Enter Filter_AllocatePacket\n");
     PFilterPacket packet = NULL;
-    if (NF_HOOK_ACTIVE(Hook_AllocatePacket)) {
-        PHOOK_ALLOCATE_PACKET allocate = g_pGlobal->m_NdisHookAPI.Hook_AllocatePacket;
+    NfHookReference hook;
+    PHOOK_ALLOCATE_PACKET allocate = hook.Get(&NdisHookAPI::Hook_AllocatePacket);
+    if (allocate != NULL) {
         LONG code = FilterGuard([&] { packet = allocate(Adapter, File, Line); });
         if (code != 0) {
             NF_PRINT_EXCEPTION("Filter_AllocatePacket", code);
@@ -46,9 +47,11 @@ EXTERN_C FILTER_STATUS NTAPI Filter_ReleasePacketp(PFilterPacket Packet, PCSTR F
     if (Packet == NULL) {
         status = FILTER_ERROR_INVALID_ARGUMENT;
         NF_TRACE_ERROR(NF_DBG_PACKET, status);
-    } else if (NF_HOOK_ACTIVE(Hook_FreePacket)) {
-        PHOOK_FREE_PACKET release = g_pGlobal->m_NdisHookAPI.Hook_FreePacket;
-        LONG code = FilterGuard([&] { release(Packet, File, Line); });
+    } else {
+        NdisFilter_PacketHandedOn(Packet);
+        NfHookReference hook;
+        PHOOK_FREE_PACKET release = hook.Get(&NdisHookAPI::Hook_FreePacket);
+        LONG code = release == NULL ? 0 : FilterGuard([&] { release(Packet, File, Line); });
         if (code != 0) {
             NF_PRINT_EXCEPTION("Filter_ReleasePacket", code);
             status = FILTER_ERROR_EXCEPTION;

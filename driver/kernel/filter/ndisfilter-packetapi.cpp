@@ -17,6 +17,102 @@
 #define NF_INJECT_WAIT_MS 10 /* bounds the delay of a packet queued between drain and reset */
 #define NF_INJECT_FROM_FILTER 0x80000000u
 
+/* ---- hand-off marks ---- */
+
+namespace {
+
+/*
+ * A filter procedure may hand its packet on (release it, inject it, queue it)
+ * and then fault. The walk must then leave the packet alone: it belongs to
+ * where it went. Each thread that runs a filter procedure keeps a stack of
+ * walk frames in one slot of a small table; the hand-off entries mark the
+ * frames of the calling thread that carry their packet. The table is found
+ * by thread, not by processor, since a filter may block on the host.
+ */
+#define NF_WALK_SLOTS 32
+
+struct WalkFrame {
+    PFilterPacket Packet;
+    volatile BOOLEAN HandedOn;
+    WalkFrame *Outer;
+};
+
+struct WalkSlot {
+    PVOID volatile Thread;
+    WalkFrame *Top;
+};
+
+WalkSlot WalkSlots[NF_WALK_SLOTS];
+volatile LONG WalkSlotsInUse;
+
+ULONG SlotHash(PVOID Thread)
+{
+    return (ULONG)(((ULONG_PTR)Thread >> 6) % NF_WALK_SLOTS);
+}
+
+/* The slot the current thread owns, or NULL. */
+WalkSlot *OwnSlot(PVOID Thread)
+{
+    ULONG start = SlotHash(Thread);
+    for (ULONG i = 0; i < NF_WALK_SLOTS; i++) {
+        WalkSlot *slot = &WalkSlots[(start + i) % NF_WALK_SLOTS];
+        if (slot->Thread == Thread)
+            return slot;
+    }
+    return NULL;
+}
+
+/* Pushes a frame for `Packet`; FALSE when every slot is taken (the frame is then not tracked). */
+BOOLEAN EnterWalkFrame(WalkFrame *Frame, PFilterPacket Packet)
+{
+    PVOID thread = KeGetCurrentThread();
+    Frame->Packet = Packet;
+    Frame->HandedOn = FALSE;
+    WalkSlot *slot = OwnSlot(thread);
+    if (slot == NULL) {
+        ULONG start = SlotHash(thread);
+        for (ULONG i = 0; i < NF_WALK_SLOTS && slot == NULL; i++) {
+            WalkSlot *candidate = &WalkSlots[(start + i) % NF_WALK_SLOTS];
+            if (InterlockedCompareExchangePointer(&candidate->Thread, thread, NULL) == NULL)
+                slot = candidate;
+        }
+        if (slot == NULL)
+            return FALSE;
+        slot->Top = NULL;
+        InterlockedIncrement(&WalkSlotsInUse);
+    }
+    Frame->Outer = slot->Top;
+    slot->Top = Frame;
+    return TRUE;
+}
+
+VOID LeaveWalkFrame(WalkFrame *Frame)
+{
+    WalkSlot *slot = OwnSlot(KeGetCurrentThread());
+    if (slot == NULL)
+        return;
+    slot->Top = Frame->Outer;
+    if (slot->Top == NULL) {
+        InterlockedDecrement(&WalkSlotsInUse);
+        InterlockedExchangePointer(&slot->Thread, NULL);
+    }
+}
+
+} // namespace
+
+/* Marks the current thread's walk frames that carry `Packet`: it has been handed on. */
+VOID NdisFilter_PacketHandedOn(PFilterPacket Packet)
+{
+    if (WalkSlotsInUse == 0)
+        return;
+    WalkSlot *slot = OwnSlot(KeGetCurrentThread());
+    if (slot == NULL)
+        return;
+    for (WalkFrame *frame = slot->Top; frame != NULL; frame = frame->Outer)
+        if (frame->Packet == Packet)
+            frame->HandedOn = TRUE;
+}
+
 /* ---- the filter chains ---- */
 
 namespace {
@@ -43,6 +139,15 @@ VOID Deliver(FILTER_TYPE Type, PFilterPacket Packet)
  * delivers the packet. A filter that faults is reported and the walk goes on.
  * No allocation and no write lock: this runs for every packet.
  */
+/* TRUE when `Filter` is in the chain at `Head`, decided by address. The caller holds the chain's lock. */
+BOOLEAN InChain(PLIST_ENTRY Head, PPacketFilter Filter)
+{
+    for (PLIST_ENTRY link = Head->Flink; link != Head; link = link->Flink)
+        if (CONTAINING_RECORD(link, PacketFilter, m_ListEntry) == Filter)
+            return TRUE;
+    return FALSE;
+}
+
 VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPlan &Plan)
 {
     BOOLEAN deliver = TRUE;
@@ -50,12 +155,17 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
     BOOLEAN active = !Plan.Partial || Plan.Method == FILTER_METHOD_START_FROM_FIRST_FILTER ||
                      Plan.Method == FILTER_METHOD_START_UNTIL_THIS_FILTER ||
                      Plan.Method == FILTER_METHOD_STOP_AT_THIS_FILTER;
+    WalkFrame frame;
+    BOOLEAN tracked = EnterWalkFrame(&frame, Packet);
     {
         NfReadLock lock(&g_pGlobal->m_PacketFilterLock[Type]);
         PLIST_ENTRY head = &g_pGlobal->m_PacketFilterList[Type];
+        /* A filter that has left its chain (and may be freed) is no place to start or stop. */
+        if (Plan.Partial && !InChain(head, Plan.Given))
+            deliver = FALSE;
         LONG index = 0;
         PLIST_ENTRY next;
-        for (PLIST_ENTRY link = head->Flink; link != head; link = next) {
+        for (PLIST_ENTRY link = deliver ? head->Flink : head; link != head; link = next) {
             next = link->Flink;
             PPacketFilter filter = CONTAINING_RECORD(link, PacketFilter, m_ListEntry);
             if (Plan.Partial) {
@@ -83,6 +193,11 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
             BOOLEAN stop = FALSE;
             if (code != 0) {
                 NF_PRINT("  %s: exception, code = %d, pPacket=0x%p\n", Name, (int)code, (PVOID)Packet);
+                /* Handed on before the fault (or not known): the packet is where it went. */
+                if (!tracked || frame.HandedOn) {
+                    consumed = TRUE;
+                    stop = TRUE;
+                }
             } else {
                 switch (result) {
                 case FILTER_RESULT_BYPASS:
@@ -119,6 +234,8 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
         }
     }
 
+    if (tracked)
+        LeaveWalkFrame(&frame);
     if (consumed)
         return; /* the filter owns the packet now */
     if (!deliver) {
@@ -204,18 +321,24 @@ VOID FilterHookPacket(PFilterPacket Packet, ULONG Direction)
  */
 EXTERN_C VOID NTAPI NdisFilter_FilterReceivedPacket(PFilterPacket Packet)
 {
+    if (!NdisFilter_EnterCallback())
+        return;
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_FilterReceivedPacket\n");
     if (Packet != NULL)
         FilterHookPacket(Packet, FILTER_DIRECTION_TO_PROTOCOL);
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_FilterReceivedPacket\n");
+    NdisFilter_LeaveCallback();
 }
 
 EXTERN_C VOID NTAPI NdisFilter_FilterSendPacket(PFilterPacket Packet)
 {
+    if (!NdisFilter_EnterCallback())
+        return;
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_FilterSendPacket\n");
     if (Packet != NULL)
         FilterHookPacket(Packet, FILTER_DIRECTION_TO_ADAPTER);
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_FilterSendPacket\n");
+    NdisFilter_LeaveCallback();
 }
 
 /* ---- entries that take a packet over ---- */
@@ -235,13 +358,34 @@ FILTER_STATUS TakePacket(PCSTR Name, PVOID Target, PFilterPacket Packet, Take &&
     NfStatusTrace trace(NF_DBG_PACKET, Name, status);
     if (Packet == NULL) {
         status = FILTER_ERROR_INVALID_ARGUMENT;
-    } else if (Target == NULL) {
+        return status;
+    }
+    NdisFilter_PacketHandedOn(Packet);
+    if (Target == NULL) {
         Filter_ReleasePacket(Packet);
         status = FILTER_ERROR_INVALID_ARGUMENT;
     } else {
         status = take();
     }
     return status;
+}
+
+/*
+ * TakePacket for the entries that name an adapter: an adapter that is not
+ * open (a forged handle, or one closed since) is refused like a missing one,
+ * so nothing is ever queued for or delivered to it.
+ */
+template <typename Take>
+FILTER_STATUS TakeAdapterPacket(PCSTR Name, PFilterAdapter Adapter, PFilterPacket Packet, Take &&take)
+{
+    return TakePacket(Name, Adapter, Packet, [&]() -> FILTER_STATUS {
+        if (!NdisFilter_IsOpenAdapter(Adapter)) {
+            NF_PRINT("%s: adapter 0x%p is not open\n", Name, (PVOID)Adapter);
+            Filter_ReleasePacket(Packet);
+            return FILTER_ERROR_INVALID_ARGUMENT;
+        }
+        return take();
+    });
 }
 
 } // namespace
@@ -258,17 +402,26 @@ namespace {
 FILTER_STATUS DeliverToHook(PCSTR Name, PCSTR ExceptionName, PCSTR Marker, BOOLEAN ToAdapter, PFilterAdapter Adapter,
                             PFilterPacket Packet)
 {
-    return TakePacket(Name, Adapter, Packet, [&]() -> FILTER_STATUS {
-        PHOOK_INJECT_PACKET inject = ToAdapter ? g_pGlobal->m_NdisHookAPI.Hook_InjectPacketToAdapter
-                                               : g_pGlobal->m_NdisHookAPI.Hook_InjectPacketToProtocol;
-        if ((g_pGlobal->m_NdisHookAPI.m_Flags & NDIS_HOOK_FLAG_BOUND) == 0 || inject == NULL) {
+    return TakeAdapterPacket(Name, Adapter, Packet, [&]() -> FILTER_STATUS {
+        NfHookReference hook;
+        PHOOK_INJECT_PACKET inject =
+            hook.Get(ToAdapter ? &NdisHookAPI::Hook_InjectPacketToAdapter : &NdisHookAPI::Hook_InjectPacketToProtocol);
+        if (inject == NULL) {
             Filter_ReleasePacket(Packet);
             return FILTER_ERROR_INTERFACE_NOT_ACTIVE;
         }
-        FILTER_STATUS status = FILTER_STATUS_SUCCESS;
         LONG code = FilterGuard([&] {
             Packet->m_hAdapter = Adapter;
             Filter_DumpPacket(Marker, Packet);
+        });
+        if (code != 0) {
+            /* Not handed over yet: the packet is still ours to release. */
+            NF_PRINT("%s: exception, code = %d\n", ExceptionName, (int)code);
+            Filter_ReleasePacket(Packet);
+            return FILTER_ERROR_EXCEPTION;
+        }
+        FILTER_STATUS status = FILTER_STATUS_SUCCESS;
+        code = FilterGuard([&] {
             if (inject(Adapter, Packet) != 0)
                 status = FILTER_ERROR_INTERNAL_ERROR;
         });
@@ -300,7 +453,7 @@ namespace {
 
 FILTER_STATUS InjectNow(PCSTR Name, PFilterAdapter Adapter, PFilterPacket Packet, ULONG Direction, FILTER_TYPE Type)
 {
-    return TakePacket(Name, Adapter, Packet, [&]() -> FILTER_STATUS {
+    return TakeAdapterPacket(Name, Adapter, Packet, [&]() -> FILTER_STATUS {
         Packet->m_hAdapter = Adapter;
         Packet->m_nDirection = Direction;
         Filter_InvokeFilters(Type, Packet);
@@ -353,7 +506,7 @@ VOID Enqueue(PFilterPacket Packet)
 
 FILTER_STATUS InjectLater(PCSTR Name, PFilterAdapter Adapter, PFilterPacket Packet, ULONG Direction, ULONG_PTR Origin)
 {
-    return TakePacket(Name, Adapter, Packet, [&]() -> FILTER_STATUS {
+    return TakeAdapterPacket(Name, Adapter, Packet, [&]() -> FILTER_STATUS {
         Packet->m_hAdapter = Adapter;
         Packet->m_nDirection = Direction;
         Packet->m_InjectOrigin = Origin;
@@ -387,12 +540,18 @@ EXTERN_C FILTER_STATUS NTAPI Filter_InjectPacketFromApplication(PFilterAdapter A
 /*
  * Filter_InjectPacketFromFilter - a consumed packet handed back: queued, and
  * the worker re-enters the chain at `Filter` as `Method` says. The packet's
- * adapter and direction stay as they are.
+ * adapter and direction stay as they are. A filter handle that fails its
+ * check is refused like a missing one; a filter removed while the packet
+ * waits takes its queued packets with it.
  */
 EXTERN_C FILTER_STATUS NTAPI Filter_InjectPacketFromFilter(FILTER_METHOD Method, PPacketFilter Filter,
                                                            PFilterPacket Packet)
 {
     return TakePacket("Filter_InjectPacketFromFilter", Filter, Packet, [&]() -> FILTER_STATUS {
+        if (!Filter_IsValidFilter(Filter)) {
+            Filter_ReleasePacket(Packet);
+            return FILTER_ERROR_INVALID_ARGUMENT;
+        }
         Packet->m_hInjectFilter = Filter;
         Packet->m_InjectOrigin = (ULONG_PTR)(Method | NF_INJECT_FROM_FILTER);
         Enqueue(Packet);
@@ -418,11 +577,12 @@ namespace {
 VOID ProcessInjectedPacket(PFilterPacket Packet)
 {
     ULONG_PTR origin = Packet->m_InjectOrigin;
-    if (origin == 0) {
-        if (Packet->m_nDirection == FILTER_DIRECTION_TO_PROTOCOL)
-            NdisFilter_FilterReceivedPacket(Packet);
-        else if (Packet->m_nDirection == FILTER_DIRECTION_TO_ADAPTER)
-            NdisFilter_FilterSendPacket(Packet);
+    if (!NdisFilter_IsOpenAdapter(Packet->m_hAdapter)) {
+        /* Its adapter closed while it waited: never delivered to it. */
+        Filter_ReleasePacket(Packet);
+    } else if (origin == 0) {
+        if (Packet->m_nDirection == FILTER_DIRECTION_TO_PROTOCOL || Packet->m_nDirection == FILTER_DIRECTION_TO_ADAPTER)
+            FilterHookPacket(Packet, Packet->m_nDirection);
         else
             Filter_ReleasePacket(Packet);
     } else if (origin == 1) {
@@ -490,6 +650,30 @@ EXTERN_C VOID NTAPI InjectedPacketThread(PVOID StartContext)
 
     NF_TRACE(NF_DBG_PACKET, "Leave InjectedPacketThread\n");
     NdisFilter_WorkerThreadLeave();
+}
+
+VOID NdisFilter_PurgeQueuedPackets(PFilterAdapter Adapter, PPacketFilter Filter)
+{
+    LIST_ENTRY purged;
+    InitializeListHead(&purged);
+    for (ULONG queue = 0; queue < NF_INJECT_QUEUE_COUNT; queue++) {
+        NfWriteLock lock(&g_pGlobal->m_InjectedPacketLock[queue]);
+        PLIST_ENTRY head = &g_pGlobal->m_InjectedPacketList[queue];
+        PLIST_ENTRY next;
+        for (PLIST_ENTRY link = head->Flink; link != head; link = next) {
+            next = link->Flink;
+            PFilterPacket packet = CONTAINING_RECORD(link, FilterPacket, m_InjectLink);
+            BOOLEAN fromFilter = (packet->m_InjectOrigin & NF_INJECT_FROM_FILTER) != 0;
+            if ((Adapter != NULL && packet->m_hAdapter == Adapter) ||
+                (Filter != NULL && fromFilter && packet->m_hInjectFilter == Filter)) {
+                RemoveEntryList(link);
+                InterlockedDecrement(&g_pGlobal->m_nInjectPacketCount);
+                InsertTailList(&purged, link);
+            }
+        }
+    }
+    while (!IsListEmpty(&purged))
+        Filter_ReleasePacket(CONTAINING_RECORD(RemoveHeadList(&purged), FilterPacket, m_InjectLink));
 }
 
 /* At unload: every packet still queued goes back to the hook driver. */

@@ -43,17 +43,20 @@ NTSTATUS QueryValue(PUNICODE_STRING path, PCWSTR name, PVOID destination, ULONG 
 
 /* The work item behind Filter_SafeGetGlobalDebugFlag. */
 struct SafeDebugFlagRead {
-    WORK_QUEUE_ITEM m_WorkItem;
+    PIO_WORKITEM m_WorkItem;
     PUNICODE_STRING m_pRegistryPath;
     ULONG m_dwDefault;
     PULONG m_pResult;
 };
 
-VOID NTAPI SafeDebugFlagWorker(PVOID context)
+VOID NTAPI SafeDebugFlagWorker(PDEVICE_OBJECT DeviceObject, PVOID context)
 {
+    UNREFERENCED_PARAMETER(DeviceObject);
     SafeDebugFlagRead *read = (SafeDebugFlagRead *)context;
     *read->m_pResult = Filter_GetGlobalDebugFlag(read->m_pRegistryPath, read->m_dwDefault);
+    IoFreeWorkItem(read->m_WorkItem);
     ExFreePool(read);
+    NdisFilter_WorkItemDone();
 }
 
 /*
@@ -168,18 +171,27 @@ EXTERN_C ULONG NTAPI Filter_GetPendingPacketLimit(PUNICODE_STRING RegistryPath, 
  * Filter_SafeGetGlobalDebugFlag - reads GlobalDebugFlag into *Result later, at
  * PASSIVE_LEVEL on a system worker thread, for callers that may run higher.
  * Returns at once; if the work record cannot be allocated nothing happens.
- * The path must stay valid until the worker has run.
+ * The path must stay valid until the worker has run. The work item holds
+ * the control device, and unload waits for it, so it never runs in an
+ * unloaded image.
  */
 EXTERN_C VOID NTAPI Filter_SafeGetGlobalDebugFlag(PUNICODE_STRING RegistryPath, ULONG Default, PULONG Result)
 {
+    if (g_pGlobal == NULL)
+        return;
     SafeDebugFlagRead *read = (SafeDebugFlagRead *)ExAllocatePool(NonPagedPool, sizeof(SafeDebugFlagRead));
     if (read == NULL)
         return;
+    read->m_WorkItem = IoAllocateWorkItem(g_pGlobal->m_pDeviceObject);
+    if (read->m_WorkItem == NULL) {
+        ExFreePool(read);
+        return;
+    }
     read->m_pRegistryPath = RegistryPath;
     read->m_dwDefault = Default;
     read->m_pResult = Result;
-    ExInitializeWorkItem(&read->m_WorkItem, SafeDebugFlagWorker, read);
-    ExQueueWorkItem(&read->m_WorkItem, DelayedWorkQueue);
+    NdisFilter_WorkItemQueued();
+    IoQueueWorkItem(read->m_WorkItem, SafeDebugFlagWorker, DelayedWorkQueue, read);
 }
 
 /*
@@ -193,10 +205,13 @@ EXTERN_C FILTER_STATUS NTAPI Filter_GetOsVersion(PULONG Value1, PULONG Value2, P
 
     if (Value1 == NULL && Value2 == NULL && Value3 == NULL && Value4 == NULL) {
         status = FILTER_ERROR_INVALID_ARGUMENT;
-    } else if (!NF_HOOK_ACTIVE(Hook_GetOsVersion)) {
+        return status;
+    }
+    NfHookReference hook;
+    PHOOK_GET_OS_VERSION getOsVersion = hook.Get(&NdisHookAPI::Hook_GetOsVersion);
+    if (getOsVersion == NULL) {
         status = FILTER_ERROR_INTERFACE_NOT_ACTIVE;
     } else {
-        PHOOK_GET_OS_VERSION getOsVersion = g_pGlobal->m_NdisHookAPI.Hook_GetOsVersion;
         LONG code = FilterGuard([&] {
             if (getOsVersion(Value1, Value2, Value3, Value4) != 0)
                 status = FILTER_ERROR_INTERNAL_ERROR;

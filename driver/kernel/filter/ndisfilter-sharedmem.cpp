@@ -38,7 +38,8 @@ EXTERN_C PMappedMemory NdisFilter_AllocateMappedMemory(VOID)
         } else {
             NF_TRACE(NF_DBG_CORE, "  IoAllocateMdl() success\n");
             MmBuildMdlForNonPagedPool(mdl);
-            memory->m_pMdl = mdl;
+            memory->m_pMdl = mdl; /* for the program's view; the framework keeps its own copy */
+            g_pGlobal->m_pMappedMemoryMdl = mdl;
             NF_TRACE(NF_DBG_CORE, "  MmBuildMdlForNonPagedPool() complete\n");
         }
     }
@@ -49,16 +50,19 @@ EXTERN_C PMappedMemory NdisFilter_AllocateMappedMemory(VOID)
 
 namespace {
 
-VOID InitializeRing(PSharedBlockRing Ring, LONG BaseOffset, PSharedBlock FirstBlock)
+VOID InitializeRing(NfSharedRing *Ring, PSharedBlockRing Header, LONG BaseOffset, PSharedBlock FirstBlock)
 {
-    Ring->m_iBlockSize = SHARED_BLOCK_SIZE;
-    Ring->m_iBlockCount = SHARED_BLOCK_COUNT;
-    Ring->m_iBaseOffset = BaseOffset;
-    Ring->m_puBlockBase = 0;
-    Ring->m_pkBlockBase = (ULONG64)(ULONG_PTR)FirstBlock;
-    Ring->m_iRead = 0;
-    Ring->m_iWrite = 0;
-    Ring->m_nCount = SHARED_BLOCK_COUNT;
+    Header->m_iBlockSize = SHARED_BLOCK_SIZE;
+    Header->m_iBlockCount = SHARED_BLOCK_COUNT;
+    Header->m_iBaseOffset = BaseOffset;
+    Header->m_puBlockBase = 0;
+    Header->m_pkBlockBase = (ULONG64)(ULONG_PTR)FirstBlock;
+    Header->m_iRead = 0;
+    Header->m_iWrite = 0;
+    Header->m_nCount = SHARED_BLOCK_COUNT;
+    Ring->m_pHeader = Header;
+    Ring->m_pBlocks = FirstBlock;
+    Ring->m_iOwnIndex = 0;
 }
 
 } // namespace
@@ -67,14 +71,17 @@ VOID InitializeRing(PSharedBlockRing Ring, LONG BaseOffset, PSharedBlock FirstBl
 EXTERN_C VOID NdisFilter_InitializeSharedMemory(PMappedMemory Memory)
 {
     PSharedMemory shared = &Memory->m_SharedMemory;
-    InitializeRing(&shared->KernelModeOutput, 0, shared->m_OutputBlocks);
-    InitializeRing(&shared->KernelModeInput, (LONG)(SHARED_BLOCK_COUNT * SHARED_BLOCK_SIZE), shared->m_InputBlocks);
+    InitializeRing(&g_pGlobal->m_OutputRing, &shared->KernelModeOutput, 0, shared->m_OutputBlocks);
+    InitializeRing(&g_pGlobal->m_InputRing, &shared->KernelModeInput, (LONG)(SHARED_BLOCK_COUNT * SHARED_BLOCK_SIZE),
+                   shared->m_InputBlocks);
     g_pGlobal->m_pSharedMemory = shared;
 }
 
 /*
  * NdisFilter_UnmapMemoryToUserSpace - removes the program's mapping, through
- * the hook driver when it supplied the function. A second call does nothing.
+ * the hook driver when it supplied the function. The address and the MDL are
+ * the framework's own copies; the ones in the shared header are only for the
+ * program to read. A second call does nothing. IRQL = PASSIVE_LEVEL.
  */
 EXTERN_C VOID NdisFilter_UnmapMemoryToUserSpace(PMappedMemory Memory)
 {
@@ -82,18 +89,24 @@ EXTERN_C VOID NdisFilter_UnmapMemoryToUserSpace(PMappedMemory Memory)
         NF_TRACE(NF_DBG_SHARED_MEMORY, "  pMappedMemory == NULL\n");
         return;
     }
-    if (Memory->m_pUserModeVirtualAddress == NULL) {
+    PVOID address = g_pGlobal->m_pUserMapping;
+    if (address == NULL) {
         NF_TRACE(NF_DBG_SHARED_MEMORY, "  pMappedMemory->m_pUserModeVirtualAddress == NULL\n");
         return;
     }
+    PMDL mdl = g_pGlobal->m_pMappedMemoryMdl;
     PHOOK_MM_UNMAP_LOCKED_PAGES unmap = g_pGlobal->m_NdisHookAPI.Hook_MmUnmapLockedPages;
     if (unmap != NULL) {
-        unmap(Memory->m_pMdl, Memory->m_pUserModeVirtualAddress);
-        NF_TRACE(NF_DBG_SHARED_MEMORY, "  Hook_MmUnmapLockedPages() complete\n");
+        LONG code = FilterGuard([&] { unmap(mdl, address); });
+        if (code != 0)
+            NF_PRINT("Hook_MmUnmapLockedPages: exception, code = %d\n", (int)code);
+        else
+            NF_TRACE(NF_DBG_SHARED_MEMORY, "  Hook_MmUnmapLockedPages() complete\n");
     } else {
-        MmUnmapLockedPages(Memory->m_pUserModeVirtualAddress, Memory->m_pMdl);
+        MmUnmapLockedPages(address, mdl);
         NF_TRACE(NF_DBG_SHARED_MEMORY, "  MmUnmapLockedPages() complete\n");
     }
+    g_pGlobal->m_pUserMapping = NULL;
     Memory->m_pUserModeVirtualAddress = NULL;
 }
 
@@ -114,6 +127,25 @@ EXTERN_C VOID NdisFilter_CompleteRead(VOID)
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_CompleteRead\n");
 }
 
+namespace {
+
+/*
+ * Holds the share's owner lock for as long as it lives: taking and giving
+ * back the share, with its mapping, happen one at a time. PASSIVE_LEVEL.
+ */
+class ShareOwnerGuard {
+public:
+    ShareOwnerGuard()
+    {
+        KeWaitForSingleObject(&g_pGlobal->m_ShareOwnerLock, Executive, KernelMode, FALSE, NULL);
+    }
+    ~ShareOwnerGuard() { KeSetEvent(&g_pGlobal->m_ShareOwnerLock, IO_NO_INCREMENT, FALSE); }
+    ShareOwnerGuard(const ShareOwnerGuard &) = delete;
+    ShareOwnerGuard &operator=(const ShareOwnerGuard &) = delete;
+};
+
+} // namespace
+
 /*
  * NdisFilter_StopShare - gives the share back when the request's file object
  * owns it: completes the parked read and unmaps the program's view. Called by
@@ -126,32 +158,36 @@ EXTERN_C VOID NdisFilter_StopShare(PIRP Irp)
         NF_TRACE(NF_DBG_SHARED_MEMORY, "MappedMemory is not allocated\n");
         return;
     }
+    ShareOwnerGuard owner;
     if (fileObject == NULL || fileObject != g_pGlobal->m_FileObject) {
         NF_TRACE(NF_DBG_SHARED_MEMORY, "SharedMemory is not opened by FileObject 0x%p\n", fileObject);
         return;
     }
+    /* No longer the owner first, so a read parked from now on is answered at once. */
+    g_pGlobal->m_FileObject = NULL;
     NdisFilter_CompleteRead();
     NF_TRACE(NF_DBG_SHARED_MEMORY, "SharedMemory is released by FileObject 0x%p\n", fileObject);
     NdisFilter_UnmapMemoryToUserSpace(g_pGlobal->m_pMappedMemory);
-    g_pGlobal->m_FileObject = NULL;
 }
 
 /*
  * NdisFilter_TerminateShare - at unload: tells the worker threads to leave and
  * waits until the last one has, then completes the parked read and unmaps.
- * Without mapped memory there is nothing to stop and no wait is made.
  */
 EXTERN_C VOID NdisFilter_TerminateShare(VOID)
 {
     PNdisFilterDeviceExtension global = g_pGlobal;
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter NdisFilter_TerminateShare\n");
+    global->m_bStopShare = TRUE;
+    NdisSetEvent(&global->m_ShareMemoryEvent);
+    for (ULONG queue = 0; queue < NF_INJECT_QUEUE_COUNT; queue++)
+        NdisSetEvent(&global->m_InjectPacketEvent[queue]);
+    NdisFilter_WaitForWorkerThreads();
     if (global->m_pMappedMemory == NULL) {
         NF_TRACE(NF_DBG_SHARED_MEMORY, "MappedMemory is not allocated\n");
     } else {
-        global->m_bStopShare = TRUE;
-        NdisSetEvent(&global->m_ShareMemoryEvent);
-        if (global->m_nNdisHelperWorkThread != 0)
-            NdisWaitEvent(&global->m_WorkThreadExitEvent, NF_WORKER_EXIT_WAIT_MS);
+        ShareOwnerGuard owner;
+        global->m_FileObject = NULL;
         NdisFilter_CompleteRead();
         NdisFilter_UnmapMemoryToUserSpace(global->m_pMappedMemory);
     }
@@ -167,8 +203,9 @@ EXTERN_C VOID NdisFilter_FreeMappedMemory(VOID)
         return;
     }
     NdisFilter_UnmapMemoryToUserSpace(memory);
-    IoFreeMdl(memory->m_pMdl);
+    IoFreeMdl(g_pGlobal->m_pMappedMemoryMdl);
     NF_TRACE(NF_DBG_CORE, "  IoFreeMdl() complete\n");
+    g_pGlobal->m_pMappedMemoryMdl = NULL;
     g_pGlobal->m_pMappedMemory = NULL;
     g_pGlobal->m_pSharedMemory = NULL;
     ExFreePool(memory);
@@ -180,27 +217,33 @@ EXTERN_C VOID NdisFilter_FreeMappedMemory(VOID)
 /*
  * NdisFilter_MapMemoryToUserSpace - maps the whole shared allocation into the
  * calling process, through the hook driver when it supplied the function.
- * Returns the user address or NULL. IRQL = PASSIVE_LEVEL.
+ * The framework keeps the address it was given (the hook driver also stores
+ * it in the shared header for the program). Returns it, or NULL.
+ * IRQL = PASSIVE_LEVEL.
  */
 EXTERN_C PVOID NdisFilter_MapMemoryToUserSpace(PMappedMemory Memory)
 {
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter NdisFilter_MapMemoryToUserSpace\n");
     PHOOK_MM_MAP_LOCKED_PAGES map = g_pGlobal->m_NdisHookAPI.Hook_MmMapLockedPages;
+    PMDL mdl = g_pGlobal->m_pMappedMemoryMdl;
+    PVOID address = NULL;
     LONG code = FilterGuard([&] {
         if (map != NULL) {
-            map(Memory->m_pMdl, g_dwShareValue, Memory);
-            NF_TRACE(NF_DBG_SHARED_MEMORY, "  Hook_MmMapLockedPages() return 0x%p\n", Memory->m_pUserModeVirtualAddress);
+            address = map(mdl, g_dwShareValue, Memory);
+            NF_TRACE(NF_DBG_SHARED_MEMORY, "  Hook_MmMapLockedPages() return 0x%p\n", address);
         } else {
-            Memory->m_pUserModeVirtualAddress = MmMapLockedPages(Memory->m_pMdl, UserMode);
-            NF_TRACE(NF_DBG_SHARED_MEMORY, "  MmMapLockedPages() return 0x%p\n", Memory->m_pUserModeVirtualAddress);
+            address = MmMapLockedPages(mdl, UserMode);
+            NF_TRACE(NF_DBG_SHARED_MEMORY, "  MmMapLockedPages() return 0x%p\n", address);
         }
     });
     if (code != 0)
-        Memory->m_pUserModeVirtualAddress = NULL;
-    if (Memory->m_pUserModeVirtualAddress == NULL)
+        address = NULL;
+    if (address == NULL)
         NF_TRACE(NF_DBG_SHARED_MEMORY, "  MmMapLockedPages fails\n");
+    g_pGlobal->m_pUserMapping = address;
+    Memory->m_pUserModeVirtualAddress = address;
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_MapMemoryToUserSpace\n");
-    return Memory->m_pUserModeVirtualAddress;
+    return address;
 }
 
 /*
@@ -217,16 +260,21 @@ EXTERN_C ULONG_PTR NdisFilter_StartShare(PIRP Irp)
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter NdisFilter_StartShare\n");
     if (memory == NULL) {
         NF_TRACE(NF_DBG_SHARED_MEMORY, "MappedMemory is not allocated\n");
-    } else if (g_pGlobal->m_FileObject != NULL) {
-        NF_TRACE(NF_DBG_SHARED_MEMORY, "SharedMemory is opened by another FileObject 0x%X\n",
-                 (unsigned)(ULONG_PTR)g_pGlobal->m_FileObject);
     } else {
-        address = (ULONG_PTR)NdisFilter_MapMemoryToUserSpace(memory);
-        NF_TRACE(NF_DBG_SHARED_MEMORY, "  UserMode SharedMemory = 0x%p\n", (PVOID)address);
-        if (address != 0) {
-            NF_TRACE(NF_DBG_SHARED_MEMORY, "MappedMemory mapped to FileObject 0x%p as 0x%p\n", (PVOID)fileObject,
-                     (PVOID)address);
-            g_pGlobal->m_FileObject = fileObject;
+        ShareOwnerGuard owner;
+        if (g_pGlobal->m_FileObject != NULL) {
+            NF_TRACE(NF_DBG_SHARED_MEMORY, "SharedMemory is opened by another FileObject 0x%X\n",
+                     (unsigned)(ULONG_PTR)g_pGlobal->m_FileObject);
+        } else if (g_pGlobal->m_bStopShare) {
+            NF_TRACE(NF_DBG_SHARED_MEMORY, "MappedMemory is not allocated\n");
+        } else {
+            address = (ULONG_PTR)NdisFilter_MapMemoryToUserSpace(memory);
+            NF_TRACE(NF_DBG_SHARED_MEMORY, "  UserMode SharedMemory = 0x%p\n", (PVOID)address);
+            if (address != 0) {
+                NF_TRACE(NF_DBG_SHARED_MEMORY, "MappedMemory mapped to FileObject 0x%p as 0x%p\n",
+                         (PVOID)fileObject, (PVOID)address);
+                g_pGlobal->m_FileObject = fileObject;
+            }
         }
     }
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_StartShare\n");
@@ -237,24 +285,44 @@ EXTERN_C ULONG_PTR NdisFilter_StartShare(PIRP Irp)
 
 namespace {
 
-BOOLEAN RingEmpty(const SharedBlockRing *Ring)
+LONG NextIndex(LONG Index)
 {
-    return Ring->m_iRead == Ring->m_iWrite;
+    return (Index + 1) % SHARED_BLOCK_COUNT;
 }
 
-BOOLEAN RingFull(const SharedBlockRing *Ring)
+/*
+ * The program's index of a ring, read once from the shared header: a value
+ * outside 0..SHARED_BLOCK_COUNT-1 is refused (-1), since the program may
+ * write anything there at any moment.
+ */
+LONG ProgramIndex(const volatile LONG *Field)
 {
-    return (Ring->m_iWrite + 1) % Ring->m_iBlockCount == Ring->m_iRead;
+    LONG index = *Field;
+    return index >= 0 && index < SHARED_BLOCK_COUNT ? index : -1;
 }
 
-LONG NextIndex(const SharedBlockRing *Ring, LONG Index)
+/* The input ring's write index as the program left it, or -1. */
+LONG InputWriteIndex(const NfSharedRing *Ring)
 {
-    return (Index + 1) % Ring->m_iBlockCount;
+    return ProgramIndex(&Ring->m_pHeader->m_iWrite);
 }
 
-PSharedBlock BlockAt(const SharedBlockRing *Ring, LONG Index)
+/* The output ring's read index as the program left it, or -1. */
+LONG OutputReadIndex(const NfSharedRing *Ring)
 {
-    return (PSharedBlock)((PUCHAR)(ULONG_PTR)Ring->m_pkBlockBase + (ULONG_PTR)Index * (ULONG)Ring->m_iBlockSize);
+    return ProgramIndex(&Ring->m_pHeader->m_iRead);
+}
+
+/* The framework advances its own index and shows it to the program. */
+VOID AdvanceOwnIndex(NfSharedRing *Ring, volatile LONG *Shown)
+{
+    Ring->m_iOwnIndex = NextIndex(Ring->m_iOwnIndex);
+    *Shown = Ring->m_iOwnIndex;
+}
+
+PSharedBlock BlockAt(const NfSharedRing *Ring, LONG Index)
+{
+    return Ring->m_pBlocks + Index;
 }
 
 BOOLEAN SharingStopped(VOID)
@@ -262,13 +330,21 @@ BOOLEAN SharingStopped(VOID)
     return g_pGlobal->m_pSharedMemory == NULL || g_pGlobal->m_bStopShare;
 }
 
+/* TRUE when the program has read every block of the output ring (an index out of range: not empty). */
+BOOLEAN OutputRingEmpty(VOID)
+{
+    const NfSharedRing *ring = &g_pGlobal->m_OutputRing;
+    return OutputReadIndex(ring) == ring->m_iOwnIndex;
+}
+
 } // namespace
 
 /*
- * NdisFilter_ReadShareMemory - a new packet made from the input block at
- * m_iRead, or NULL. A block whose adapter id is unknown, whose length does
- * not fit its block, or for which no packet can be had stays in the ring and
- * is met again at the next call. IRQL <= DISPATCH_LEVEL.
+ * NdisFilter_ReadShareMemory - a new packet made from the input block at the
+ * framework's read index, or NULL. A block whose adapter id is unknown, whose
+ * length does not fit its block, or for which no packet can be had stays in
+ * the ring and is met again at the next call. A write index out of range
+ * reads as an empty ring. IRQL <= DISPATCH_LEVEL.
  */
 EXTERN_C PFilterPacket NdisFilter_ReadShareMemory(VOID)
 {
@@ -280,15 +356,16 @@ EXTERN_C PFilterPacket NdisFilter_ReadShareMemory(VOID)
     } else {
         NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, I/O shared memory is initialized\n", irql);
         NfWriteLock lock(&g_pGlobal->m_InputBlockLock);
-        PSharedBlockRing ring = &g_pGlobal->m_pSharedMemory->KernelModeInput;
+        NfSharedRing *ring = &g_pGlobal->m_InputRing;
+        LONG index = ring->m_iOwnIndex;
+        LONG write = InputWriteIndex(ring);
         PFilterAdapter adapter = NULL;
-        if (RingEmpty(ring)) {
+        if (write < 0 || write == index) {
             NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, input shared blocks are empty\n", irql);
         } else {
             NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, input shared blocks are not empty\n", irql);
-            /* The program owns m_iWrite and the blocks: read each once. */
-            LONG index = ring->m_iRead;
-            const SharedBlock *block = BlockAt(ring, index);
+            /* The program owns the block too: read each field once. */
+            const volatile SharedBlock *block = BlockAt(ring, index);
             ULONG size = block->m_nPacketSize;
             if (Filter_IdToAdapter(block->m_nAdapterId, &adapter) != FILTER_STATUS_SUCCESS) {
                 NF_TRACE(NF_DBG_SHARED_MEMORY,
@@ -306,11 +383,12 @@ EXTERN_C PFilterPacket NdisFilter_ReadShareMemory(VOID)
                 packet->m_dwCarried[1] = block->m_dwCarried[1];
                 packet->m_nIndicateCode = block->m_nIndicateCode;
                 packet->m_nIndicateValue = block->m_nIndicateValue;
-                RtlCopyMemory(packet->m_ApplicationData, block->m_ApplicationData, sizeof(packet->m_ApplicationData));
-                RtlCopyMemory(packet->m_Data, block->m_Frame, size);
+                RtlCopyMemory(packet->m_ApplicationData, (const VOID *)block->m_ApplicationData,
+                              sizeof(packet->m_ApplicationData));
+                RtlCopyMemory(packet->m_Data, (const VOID *)block->m_Frame, size);
                 packet->m_nBytesRead = size;
                 NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, update read pointer to next block\n", irql);
-                ring->m_iRead = NextIndex(ring, index);
+                AdvanceOwnIndex(ring, &ring->m_pHeader->m_iRead);
             }
         }
     }
@@ -320,40 +398,49 @@ EXTERN_C PFilterPacket NdisFilter_ReadShareMemory(VOID)
 
 namespace {
 
+/* What an output-ring writer did with the block it was offered. */
+enum BlockWrite {
+    BlockWritten,
+    BlockSkipped, /* left as it was, like a full ring */
+    WriteRefused  /* the writer gives up at once: no wake-up, no leave line */
+};
+
 /*
  * The common frame of the two output-ring writers: `Write` fills the block at
- * m_iWrite and answers whether it did. The parked read is completed after
- * every attempt, full ring or not, so the program wakes and drains.
+ * the framework's write index. A read index out of range reads as a full
+ * ring. Unless the writer refused, the parked read is completed after the
+ * attempt, full ring or not, so the program wakes and drains.
  */
 template <typename Writer>
-BOOLEAN WriteOutputBlock(Writer &&Write)
+BlockWrite WriteOutputBlock(Writer &&Write)
 {
     KIRQL irql = KeGetCurrentIrql();
     if (SharingStopped()) {
         NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, I/O shared memory is not initialized\n", irql);
         NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_WriteShareMemory(), fails, IRQL=%d\n", irql);
-        return FALSE;
+        return WriteRefused;
     }
     NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, I/O shared memory is initialized\n", irql);
-    BOOLEAN written = FALSE;
-    BOOLEAN wake = TRUE;
+    BlockWrite result = BlockSkipped;
     {
         NfWriteLock lock(&g_pGlobal->m_OutputBlockLock);
-        PSharedBlockRing ring = &g_pGlobal->m_pSharedMemory->KernelModeOutput;
-        if (!RingFull(ring)) {
+        NfSharedRing *ring = &g_pGlobal->m_OutputRing;
+        LONG read = OutputReadIndex(ring);
+        if (read >= 0 && NextIndex(ring->m_iOwnIndex) != read) {
             NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, output shared blocks are not full\n", irql);
             NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, copy packets to I/O shared memory\n", irql);
-            written = Write(BlockAt(ring, ring->m_iWrite), &wake);
-            if (written) {
+            result = Write(BlockAt(ring, ring->m_iOwnIndex));
+            if (result == WriteRefused)
+                return result;
+            if (result == BlockWritten) {
                 NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, update write pointer to next block\n", irql);
-                InterlockedIncrement(&ring->m_nCount);
-                ring->m_iWrite = NextIndex(ring, ring->m_iWrite);
+                InterlockedIncrement(&ring->m_pHeader->m_nCount);
+                AdvanceOwnIndex(ring, &ring->m_pHeader->m_iWrite);
             }
         }
     }
-    if (wake)
-        NdisFilter_CompleteRead();
-    return written;
+    NdisFilter_CompleteRead();
+    return result;
 }
 
 } // namespace
@@ -367,16 +454,15 @@ EXTERN_C BOOLEAN NdisFilter_WriteShareMemory(PFilterPacket Packet)
 {
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter NdisFilter_WriteShareMemory (pBlock=0x%p,Complete=%s), IRQL=%d\n",
              (PVOID)Packet, "TRUE", KeGetCurrentIrql());
-    BOOLEAN written = WriteOutputBlock([&](PSharedBlock Block, BOOLEAN *Wake) -> BOOLEAN {
+    BlockWrite result = WriteOutputBlock([&](PSharedBlock Block) -> BlockWrite {
         ULONG id = 0;
         if (Filter_AdapterToId(Packet->m_hAdapter, &id) != FILTER_STATUS_SUCCESS) {
             NF_PRINT("Err: Filter_AdapterToId return failure.\n");
-            *Wake = FALSE;
-            return FALSE;
+            return WriteRefused;
         }
         /* A frame longer than a block's frame area is refused like a full ring. */
         if (Packet->m_nPacketSize > SHARED_BLOCK_FRAME_SIZE)
-            return FALSE;
+            return BlockSkipped;
         Block->m_nAdapterId = id;
         Block->m_nDirection = Packet->m_nDirection;
         Block->m_nPacketSize = Packet->m_nPacketSize;
@@ -386,10 +472,11 @@ EXTERN_C BOOLEAN NdisFilter_WriteShareMemory(PFilterPacket Packet)
         Block->m_nIndicateValue = Packet->m_nIndicateValue;
         RtlCopyMemory(Block->m_ApplicationData, Packet->m_ApplicationData, sizeof(Block->m_ApplicationData));
         RtlCopyMemory(Block->m_Frame, Packet->m_Data, Packet->m_nPacketSize);
-        return TRUE;
+        return BlockWritten;
     });
-    NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_WriteShareMemory(), success, IRQL=%d\n", KeGetCurrentIrql());
-    return written;
+    if (result != WriteRefused)
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_WriteShareMemory(), success, IRQL=%d\n", KeGetCurrentIrql());
+    return result == BlockWritten;
 }
 
 /*
@@ -401,27 +488,31 @@ EXTERN_C BOOLEAN NdisFilter_WriteSignalPacket(PVOID Signal)
 {
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter NdisFilter_WriteSignalPacket(pSignal=0x%p), IRQL=%d\n", Signal,
              KeGetCurrentIrql());
-    BOOLEAN written = WriteOutputBlock([&](PSharedBlock Block, BOOLEAN *) -> BOOLEAN {
+    BlockWrite result = WriteOutputBlock([&](PSharedBlock Block) -> BlockWrite {
         RtlCopyMemory(Block, Signal, FILTER_SIGNAL_SIZE);
-        return TRUE;
+        return BlockWritten;
     });
-    if (written)
+    if (result != WriteRefused)
         NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_WriteSignalPacket(), success, IRQL=%d\n", KeGetCurrentIrql());
-    return written;
+    return result == BlockWritten;
 }
 
 /* ---- the read and write requests ---- */
 
 /*
  * CancelPendingReadShare - the cancel routine of the parked read. Called with
- * the cancel spin lock held, which it releases first.
+ * the cancel spin lock held, which it releases first. It takes the park lock
+ * so that a read still being parked is in its place before it is taken out.
  */
 EXTERN_C VOID NTAPI CancelPendingReadShare(PDEVICE_OBJECT DeviceObject, PIRP Irp)
 {
     UNREFERENCED_PARAMETER(DeviceObject);
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter CancelPendingReadShare\n");
     IoReleaseCancelSpinLock(Irp->CancelIrql);
-    InterlockedCompareExchangePointer((PVOID volatile *)&g_pGlobal->m_pPendingReadIrp, NULL, Irp);
+    {
+        NfWriteLock lock(&g_pGlobal->m_PendingReadLock);
+        InterlockedCompareExchangePointer((PVOID volatile *)&g_pGlobal->m_pPendingReadIrp, NULL, Irp);
+    }
     Irp->IoStatus.Status = STATUS_CANCELLED;
     Irp->IoStatus.Information = 0;
     IoSetCancelRoutine(Irp, NULL);
@@ -429,43 +520,63 @@ EXTERN_C VOID NTAPI CancelPendingReadShare(PDEVICE_OBJECT DeviceObject, PIRP Irp
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave CancelPendingReadShare\n");
 }
 
+namespace {
+
+/*
+ * Parks a read under the park lock. The cancel routine is installed before
+ * the request is published: a completion that takes it from the slot always
+ * finds a routine to clear (so it completes it), and a cancellation that comes
+ * meanwhile waits for the lock and then takes it out. A request cancelled
+ * before its routine was installed is not parked: STATUS_CANCELLED.
+ */
+NTSTATUS ParkRead(PIRP Irp)
+{
+    NfWriteLock lock(&g_pGlobal->m_PendingReadLock);
+    if (g_pGlobal->m_pSharedMemory == NULL || !OutputRingEmpty())
+        return STATUS_SUCCESS;
+    if (g_pGlobal->m_pPendingReadIrp != NULL)
+        return STATUS_UNSUCCESSFUL;
+    IoSetCancelRoutine(Irp, CancelPendingReadShare);
+    if (Irp->Cancel && IoSetCancelRoutine(Irp, NULL) != NULL)
+        return STATUS_CANCELLED;
+    IoMarkIrpPending(Irp);
+    Irp->IoStatus.Status = STATUS_PENDING;
+    InterlockedExchangePointer((PVOID volatile *)&g_pGlobal->m_pPendingReadIrp, Irp);
+    return STATUS_PENDING;
+}
+
+} // namespace
+
 /*
  * NdisFilter_IOCtrlReadShare - READ_SHARE: parks the request while the output
  * ring is empty (one at a time), answers at once when blocks are waiting.
- * Only the share's owner may read. IRQL = PASSIVE_LEVEL.
+ * Only the share's owner may read. A block written, or the share given back,
+ * while the read was being parked completes it at once, so no wake-up is
+ * lost. IRQL = PASSIVE_LEVEL.
  */
 EXTERN_C NTSTATUS NdisFilter_IOCtrlReadShare(PIRP Irp)
 {
     PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter NdisFilter_IOCtrlReadShare\n");
-    if (fileObject != g_pGlobal->m_FileObject) {
+    if (fileObject == NULL || fileObject != g_pGlobal->m_FileObject) {
         NF_TRACE(NF_DBG_SHARED_MEMORY, "SharedMemory is not opened by FileObject 0x%p\n", (PVOID)fileObject);
         Irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
         NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_IOCtrlReadShare, STATUS_UNSUCCESSFUL\n");
         return STATUS_UNSUCCESSFUL;
     }
 
-    NTSTATUS status = STATUS_SUCCESS;
-    {
-        NfWriteLock lock(&g_pGlobal->m_PendingReadLock);
-        if (g_pGlobal->m_pSharedMemory != NULL && RingEmpty(&g_pGlobal->m_pSharedMemory->KernelModeOutput)) {
-            if (g_pGlobal->m_pPendingReadIrp != NULL) {
-                status = STATUS_UNSUCCESSFUL;
-            } else {
-                IoSetCancelRoutine(Irp, CancelPendingReadShare);
-                IoMarkIrpPending(Irp);
-                Irp->IoStatus.Status = STATUS_PENDING;
-                InterlockedExchangePointer((PVOID volatile *)&g_pGlobal->m_pPendingReadIrp, Irp);
-                status = STATUS_PENDING;
-            }
-        }
-    }
-    if (status == STATUS_PENDING)
+    NTSTATUS status = ParkRead(Irp);
+    if (status == STATUS_PENDING) {
+        if (!OutputRingEmpty() || fileObject != g_pGlobal->m_FileObject)
+            NdisFilter_CompleteRead();
         NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_IOCtrlReadShare, STATUS_PENDING\n");
-    else if (status == STATUS_SUCCESS)
+    } else if (status == STATUS_SUCCESS) {
         NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_IOCtrlReadShare, STATUS_SUCCESS\n");
-    else
+    } else if (status == STATUS_CANCELLED) {
+        NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_IOCtrlReadShare, STATUS_CANCELLED\n");
+    } else {
         NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_IOCtrlReadShare, STATUS_UNSUCCESSFUL\n");
+    }
     return status;
 }
 
