@@ -129,7 +129,7 @@ TEST_F(DriverRegistry, ADeregisteredHandleFailsEveryCheckAndOwnsNothingNew)
     EXPECT_EQ(Filter_DeregisterDriver(driver), FILTER_ERROR_INVALID_DRIVER_HANDLE);
     STRING name = Counted("orphan");
     PPacketFilter orphan = nullptr;
-    EXPECT_EQ(Filter_RegisterFilter(driver, &name, BypassEverything, nullptr, FILTER_TYPE_INCOMING_PACKET, FILTER_ORDER_FIRST,
+    EXPECT_EQ(Filter_RegisterFilter(driver, &name, nftest::BypassEverything, nullptr, FILTER_TYPE_INCOMING_PACKET, FILTER_ORDER_FIRST,
                                     &orphan),
               FILTER_ERROR_INVALID_DRIVER_HANDLE);
     EXPECT_EQ(orphan, nullptr);
