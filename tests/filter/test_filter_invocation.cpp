@@ -29,6 +29,7 @@ struct Behaviour {
     std::vector<PFilterPacket> *kept = nullptr;
     std::mutex *lock = nullptr;
     std::atomic<bool> *hold = nullptr; /* spun on (DISPATCH_LEVEL: no waiting) before answering, once */
+    int handOn = 0; /* before a fault: 1 releases the packet, 2 queues it back through the adapter */
     std::vector<ULONG_PTR> *origins = nullptr;
 };
 
@@ -55,6 +56,10 @@ FILTER_RESULT NTAPI Behave(PFilterDriver, PVOID, PPacketFilter, PVOID context, P
         while (!hold->load() && std::chrono::steady_clock::now() < deadline)
             YieldProcessor();
     }
+    if (behaviour->handOn == 1)
+        Filter_ReleasePacket(packet);
+    else if (behaviour->handOn == 2)
+        Filter_IndicatePacketFromAdapter(packet->m_hAdapter, packet);
     if (behaviour->fault)
         return (FILTER_RESULT)*(volatile const UCHAR *)UnreadablePage();
     if (behaviour->verdict == FILTER_RESULT_CONSUME && behaviour->kept != nullptr) {
@@ -131,6 +136,18 @@ protected:
     std::vector<ULONG_PTR> m_origins;
     std::mutex m_lock;
 };
+
+/* A packet of `adapter` holding an ARP frame: no IPv4 header, so it is queued on queue 0. */
+PFilterPacket ArpPacket(PFilterAdapter adapter)
+{
+    PFilterPacket packet = Filter_AllocatePacket(adapter);
+    nftest::Frame frame = nftest::CaseFrame(8);
+    frame[12] = 0x08, frame[13] = 0x06;
+    memcpy(packet->m_Data, frame.data(), frame.size());
+    packet->m_nPacketSize = packet->m_nBytesRead = (ULONG)frame.size();
+    Filter_InitPacketHeader(packet, nullptr);
+    return packet;
+}
 
 /* An IPv4/UDP frame from `source` to `destination` (first octets only differ). */
 nftest::Frame UdpFrame(UCHAR sourceOctet, UCHAR destinationOctet)
@@ -350,19 +367,87 @@ TEST_F(FilterInvocation, DeliveryWithTheHookUnboundReleasesThePacket)
     EXPECT_EQ(Filter_InjectPacketToAdapterEx(m_adapter, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
 }
 
-TEST_F(FilterInvocation, APacketQueuedForAFilterThatLeftIsReleased)
+TEST_F(FilterInvocation, AFilterThatHandsItsPacketOnAndThenFaultsLeavesItWhereItWent)
 {
-    PPacketFilter consumer = AddFilter("leaving", FILTER_TYPE_INCOMING_PACKET, 1, FILTER_RESULT_CONSUME);
-    Receive(nftest::CaseFrame(4));
-    ASSERT_EQ(m_kept.size(), 1u);
-    PFilterPacket packet = m_kept.back();
-    m_kept.clear();
-    ASSERT_EQ(Filter_DeregisterFilter(m_driver, consumer), FILTER_STATUS_SUCCESS);
-
-    /* Its handle fails the check: the packet is refused and released. */
-    EXPECT_EQ(Filter_InjectPacketFromFilter(FILTER_METHOD_START_AFTER_THIS_FILTER, consumer, packet),
-              FILTER_ERROR_INVALID_ARGUMENT);
-    WaitForQuiet();
-    EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
+    AddFilter("releases", FILTER_TYPE_INCOMING_PACKET, 1, FILTER_RESULT_BYPASS, true);
+    Behaviour *faulty = m_behaviours.back().get();
+    AddFilter("after", FILTER_TYPE_INCOMING_PACKET, 2);
+    faulty->handOn = 1;
+    Receive(nftest::CaseFrame(8));
+    EXPECT_EQ(Log(), (std::vector<std::string>{"releases"}));
     EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), 0u);
+    EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
+
+    /* Queued back before the fault: the walk stops, the worker delivers it once. */
+    faulty->handOn = 2;
+    faulty->fault = true;
+    m_log.clear();
+    Receive(nftest::CaseFrame(8));
+    faulty->handOn = 0;
+    faulty->fault = false; /* the queued packet's own walk passes */
+    WaitForQuiet();
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), 1u);
+    EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
+}
+
+TEST_F(FilterInvocation, ForgedOrClosedAdaptersAreRefusedByEveryEntryAndNothingReachesThem)
+{
+    PFilterAdapter closed = OpenAdapter(2);
+    ASSERT_EQ(NdisHookCloseAdapter(closed), STATUS_SUCCESS);
+    static ULONG forged[512];
+    for (PFilterAdapter bad : {closed, (PFilterAdapter)forged}) {
+        typedef FILTER_STATUS (*Entry)(PFilterAdapter, PFilterPacket);
+        Entry entries[] = {
+            Filter_IndicatePacketFromAdapter,
+            Filter_InjectPacketFromProtocol,
+            [](PFilterAdapter a, PFilterPacket p) { return Filter_InjectPacketFromApplication(a, p, 1); },
+            Filter_InjectPacketToAdapter,
+            Filter_IndicatePacketToProtocol,
+            Filter_InjectPacketToAdapterEx,
+            Filter_IndicatePacketToProtocolEx,
+        };
+        for (Entry entry : entries)
+            EXPECT_EQ(entry(bad, Filter_AllocatePacket(m_adapter)), FILTER_ERROR_INVALID_ARGUMENT);
+        /* A packet handed back by a filter keeps its own adapter: the worker releases it. */
+        PPacketFilter filter = AddFilter(bad == closed ? "f1" : "f2", FILTER_TYPE_INCOMING_PACKET, 1);
+        PFilterPacket packet = Filter_AllocatePacket(m_adapter);
+        packet->m_hAdapter = bad;
+        EXPECT_EQ(Filter_InjectPacketFromFilter(FILTER_METHOD_START_FROM_FIRST_FILTER, filter, packet),
+                  FILTER_STATUS_SUCCESS);
+        WaitForQuiet();
+        EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
+        EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL) + Delivered(FILTER_DIRECTION_TO_ADAPTER), 0u);
+    }
+}
+
+TEST_F(FilterInvocation, PacketsWaitingForAClosedAdapterOrARemovedFilterAreReleasedNotDelivered)
+{
+    /* The first packet of queue 0 holds its worker at the gate; the others wait behind it. */
+    std::atomic<bool> hold{false};
+    AddFilter("gate", FILTER_TYPE_INJECT_TO_PROTOCOL, 1);
+    m_behaviours.back()->hold = &hold;
+    PPacketFilter consumer = AddFilter("leaving", FILTER_TYPE_INCOMING_PACKET, 1, FILTER_RESULT_CONSUME);
+    PFilterAdapter other = OpenAdapter(2);
+
+    ASSERT_EQ(Filter_InjectPacketFromApplication(m_adapter, ArpPacket(m_adapter), FILTER_DIRECTION_TO_PROTOCOL),
+              FILTER_STATUS_SUCCESS);
+    for (int i = 0; i < 200 && Log().empty(); i++)
+        Sleep(2);
+    ASSERT_EQ(Log(), (std::vector<std::string>{"gate"}));
+
+    PFilterPacket consumed = ArpPacket(m_adapter);
+    ASSERT_EQ(Filter_InjectPacketFromFilter(FILTER_METHOD_START_AFTER_THIS_FILTER, consumer, consumed),
+              FILTER_STATUS_SUCCESS);
+    ASSERT_EQ(Filter_IndicatePacketFromAdapter(other, ArpPacket(other)), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(Filter_GetInjectPacketCount(), 2);
+
+    ASSERT_EQ(Filter_DeregisterFilter(m_driver, consumer), FILTER_STATUS_SUCCESS);
+    ASSERT_EQ(NdisHookCloseAdapter(other), STATUS_SUCCESS);
+    EXPECT_EQ(Filter_GetInjectPacketCount(), 0);
+    EXPECT_EQ(NdisHookPacketsOutstanding(), 1); /* only the one held at the gate */
+
+    hold = true;
+    WaitForQuiet();
+    EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_PROTOCOL), 1u); /* the gate's own packet */
+    EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
 }
