@@ -8,6 +8,8 @@
 
 #include <windows.h>
 
+#include <thread>
+
 namespace {
 
 class SharedRings : public hooktest::HookTest {
@@ -300,4 +302,74 @@ TEST_F(SharedRings, InputBlocksGoThroughTheInjectChainOfTheirDirection)
         Sleep(2);
     EXPECT_EQ(input.m_iRead, input.m_iWrite);
     EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
+}
+
+TEST_F(SharedRings, AProgramThatRewritesTheWholeAreaCannotSteerTheFramework)
+{
+    SharedMemory *shared = (SharedMemory *)(ULONG_PTR)StartShare(m_device);
+    MappedMemory *mapped = (MappedMemory *)((PUCHAR)shared - SHARED_MEMORY_OFFSET);
+    SharedBlockRing &input = shared->KernelModeInput;
+    SharedBlockRing &output = shared->KernelModeOutput;
+    ASSERT_NE(output.m_pkBlockBase, 0u); /* disclosed, never read back */
+
+    /* Geometry, kernel addresses, the mapping and the framework's own indexes: all garbage. */
+    for (SharedBlockRing *ring : {&input, &output}) {
+        ring->m_iBlockSize = 0x7FFFFFFF;
+        ring->m_iBlockCount = 0;
+        ring->m_pkBlockBase = 0xDEAD0000DEAD0000ull;
+    }
+    input.m_iRead = 400;
+    output.m_iWrite = -5;
+    mapped->m_pMdl = (PMDL)0x1234;
+    mapped->m_pUserModeVirtualAddress = (PVOID)0x5678;
+
+    ASSERT_TRUE(Indicate(7)); /* lands in block 0, where the framework's own index says */
+    EXPECT_EQ(output.m_iWrite, 1);
+    EXPECT_EQ(UserBlock(shared, output, 0)->m_Frame[60], 7);
+
+    /* The program's own indexes out of range: the output ring reads as full, the input ring as empty. */
+    output.m_iRead = 512;
+    EXPECT_FALSE(Indicate(8));
+    output.m_iRead = 1;
+    input.m_iWrite = -1;
+    ASSERT_TRUE(Simple(m_device, IOCTL_NDIS_FILTER_WRITE_SHARE));
+    Sleep(20);
+    EXPECT_EQ(input.m_iRead, 400); /* untouched: nothing was read */
+    EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
+
+    /* Stopping unmaps the framework's mapping with its own MDL; the verifier would catch any other. */
+    EXPECT_TRUE(Simple(m_device, IOCTL_NDIS_FILTER_STOP_SHARE));
+    EXPECT_EQ(g_pGlobal->m_FileObject, nullptr);
+}
+
+TEST_F(SharedRings, HandlesRacingForTheShareGetOneOwnerAndReadsRacingCancelCompleteOnce)
+{
+    for (int round = 0; round < 300; round++) {
+        HANDLE second = Open();
+        ASSERT_NE(second, INVALID_HANDLE_VALUE);
+        ULONG64 answers[2] = {};
+        std::thread racer([&] { answers[1] = StartShare(second); });
+        answers[0] = StartShare(m_device);
+        racer.join();
+        EXPECT_EQ((answers[0] == SHARED_MEMORY_OFFSET) + (answers[1] == SHARED_MEMORY_OFFSET), 1) << round;
+        HANDLE owner = answers[0] != SHARED_MEMORY_OFFSET ? m_device : second;
+
+        /* A parked read, cancelled while the framework writes: completed exactly once, either way. */
+        SharedMemory *shared = g_pGlobal->m_pSharedMemory;
+        shared->KernelModeOutput.m_iRead = shared->KernelModeOutput.m_iWrite;
+        OVERLAPPED read = {};
+        read.hEvent = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+        DWORD returned = 0;
+        if (!DeviceIoControl(owner, IOCTL_NDIS_FILTER_READ_SHARE, nullptr, 0, nullptr, 0, &returned, &read)) {
+            ASSERT_EQ(GetLastError(), (DWORD)ERROR_IO_PENDING);
+        }
+        std::thread writer([&] { Indicate((UCHAR)round); });
+        CancelIoEx(owner, &read);
+        writer.join();
+        GetOverlappedResult(owner, &read, &returned, TRUE);
+        CloseHandle(read.hEvent);
+        EXPECT_TRUE(Simple(owner, IOCTL_NDIS_FILTER_STOP_SHARE));
+        CloseHandle(second);
+        ASSERT_EQ(g_pGlobal->m_pPendingReadIrp, nullptr);
+    }
 }
