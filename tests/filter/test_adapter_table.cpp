@@ -3,6 +3,7 @@
 #include "ndisfilter-records.h"
 
 #include <tuple>
+#include <windows.h>
 
 namespace {
 
@@ -169,4 +170,52 @@ TEST_F(AdapterTable, EnumerationVisitsTheTableInOrderUntilTheProcedureSaysStop)
     ULONG bogus[8] = {0};
     EXPECT_EQ(Filter_EnumAdapter((PFilterDriver)bogus, stopAtFirst, &seen), FILTER_ERROR_INVALID_DRIVER_HANDLE);
     Filter_DeregisterDriver(driver);
+}
+
+TEST_F(AdapterTable, BadAdapterRecordsFromTheHookAreReportedAndCallbacksAfterUnloadDoNothing)
+{
+    LoadBoth();
+    static ULONG unreadable;
+    PFilterAdapter bad = (PFilterAdapter)(ULONG_PTR)0x10; /* not a record at all */
+    HkDebugClearCapture();
+    EXPECT_EQ(NdisFilter_AdapterOpened(bad), STATUS_SUCCESS);
+    EXPECT_EQ(NdisFilter_AdapterClosed(bad), STATUS_SUCCESS);
+    auto lines = nftest::TakeTrace();
+    EXPECT_GE(nftest::FindLine(lines, "NdisFilter_AdapterOpened: exception, code = -1073741819"), 0);
+    EXPECT_GE(nftest::FindLine(lines, "NdisFilter_AdapterClosed: exception, code = -1073741819"), 0);
+    EXPECT_FALSE(NdisFilter_IsOpenAdapter(bad));
+
+    /* A hook driver that calls in after the framework's teardown finds the gate closed. */
+    NdisHookAPI api;
+    NdisHookQueryApi(&api);
+    ASSERT_NE(api.Filter_FilterReceivedPacket, nullptr);
+    UnloadHook();
+    Unload();
+    api.Filter_FilterReceivedPacket((PFilterPacket)&unreadable);
+    api.Filter_AdapterStatusChanged((PFilterAdapter)&unreadable, NDIS_STATUS_MEDIA_CONNECT);
+    EXPECT_EQ(api.Filter_AdapterOpened((PFilterAdapter)&unreadable), STATUS_SUCCESS);
+}
+
+TEST_F(AdapterTable, AnUnknownDirectCodeReachesTheHookWithTheBuffersItsTransferTypeGives)
+{
+    LoadBoth();
+    const ULONG outDirect = 0x80002F02; /* METHOD_OUT_DIRECT: the output is the caller's own pages */
+    std::vector<UCHAR> claimed(64);
+    for (size_t i = 0; i < claimed.size(); i++)
+        claimed[i] = (UCHAR)(i + 1);
+    ASSERT_EQ(NdisHookClaimIoControl(outDirect, STATUS_SUCCESS, claimed.data(), (ULONG)claimed.size()),
+              STATUS_SUCCESS);
+    HANDLE device = CreateFileA("\\\\.\\NdisFilter", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                FILE_ATTRIBUTE_NORMAL, nullptr);
+    ASSERT_NE(device, INVALID_HANDLE_VALUE);
+    ULONG input = 1;
+    std::vector<UCHAR> output(64);
+    DWORD returned = 0;
+    EXPECT_TRUE(DeviceIoControl(device, outDirect, &input, sizeof(input), output.data(), (DWORD)output.size(),
+                                &returned, nullptr));
+    EXPECT_EQ(returned, 64u);
+    EXPECT_EQ(output, claimed);
+    /* A caller's output too small for the answer: the hook refuses, nothing is written past it. */
+    EXPECT_FALSE(DeviceIoControl(device, outDirect, &input, sizeof(input), output.data(), 8, &returned, nullptr));
+    CloseHandle(device);
 }
