@@ -100,6 +100,25 @@ TEST(Checksums, VerificationReportsACorruptIpChecksumAndRepairsIt)
     EXPECT_GE(nftest::FindLine(nftest::TakeTrace(), line), 0);
 }
 
+TEST(Checksums, LengthsBeyondWhatThePacketHoldsAreRefusedAndNothingIsWritten)
+{
+    auto packet = PacketOf(CaseFrame(8));
+    Filter_InitPacketHeader(packet.get(), nullptr);
+    PUCHAR ip = packet->m_pIp;
+    nftest::Frame before(packet->m_Data, packet->m_Data + FILTER_PACKET_DATA_SIZE);
+    ip[2] = 0xFF, ip[3] = 0xFF; /* a total length of 64 KiB */
+    EXPECT_EQ(Filter_CalculatePacketCheckSum(ip, FILTER_CHECKSUM_TCP), FILTER_ERROR_INVALID_ARGUMENT);
+    ip[0] = 0x44; /* a header length of 16 */
+    EXPECT_EQ(Filter_CalculatePacketCheckSum(ip, FILTER_CHECKSUM_IP), FILTER_ERROR_INVALID_ARGUMENT);
+    EXPECT_FALSE(Filter_VerifyPacketCheckSum(packet.get()));
+    ip[0] = 0x45, ip[2] = before[16], ip[3] = before[17];
+    EXPECT_EQ(nftest::Frame(packet->m_Data, packet->m_Data + FILTER_PACKET_DATA_SIZE), before);
+
+    /* A header the packet holds only in part is not valid either. */
+    packet->m_nBytesRead = 14 + 12;
+    EXPECT_FALSE(Filter_VerifyPacketCheckSum(packet.get()));
+}
+
 TEST(Checksums, FramesWithoutIpv4PassVerification)
 {
     auto arp = PacketOf(CaseFrame(1));

@@ -1,6 +1,8 @@
 /* Placing, querying, enumerating, dumping and removing packet filters. */
 #include "registry.h"
 
+#include <cstdio>
+
 using nftest::Counted;
 
 namespace {
@@ -187,4 +189,20 @@ TEST_F(FilterRegistry, TheDumpPrintsTheChainHeadAndEveryFieldOfEveryFilter)
     };
     EXPECT_EQ(nftest::TakeTrace(), expected);
     EXPECT_EQ(Filter_DumpFilter(4), FILTER_ERROR_INVALID_FILTER_TYPE);
+}
+
+TEST_F(FilterRegistry, ForgedFilterHandlesArePrintedAsInvalidAndNeverFault)
+{
+    PPacketFilter filter = RegisterFilter(m_driver, "real", FILTER_TYPE_INCOMING_PACKET, FILTER_ORDER_FIRST);
+    HkDebugClearCapture();
+    filter->m_FilterType = (FILTER_TYPE)4;
+    EXPECT_FALSE(Filter_IsValidFilter(filter));
+    filter->m_FilterType = FILTER_TYPE_INCOMING_PACKET;
+    char line[96];
+    std::snprintf(line, sizeof(line), "Filter_IsValidFilter: Invalid Handle 0x%016llX, bad tag 0x54414733",
+                  (unsigned long long)(ULONG_PTR)filter);
+    EXPECT_GE(nftest::FindLine(nftest::TakeTrace(), line), 0);
+
+    EXPECT_EQ(Filter_ShowFilter((PPacketFilter)(ULONG_PTR)0x10, 0), FILTER_ERROR_EXCEPTION);
+    EXPECT_GE(nftest::FindLine(nftest::TakeTrace(), "Filter_ShowFilter: exception, code = -1073741819"), 0);
 }

@@ -171,7 +171,7 @@ TEST_F(PacketObject, ACloneOfAPartlyReadPacketOwnsTheWholeFrameAndNothingElse)
     EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
 }
 
-TEST_F(PacketObject, ACloneOfAnExternallyParsedFrameKeepsThePointerOffsetInsideItsRecord)
+TEST_F(PacketObject, ACloneOfAnExternallyParsedFramePointsIntoItsOwnRecord)
 {
     PFilterPacket source = Filter_AllocatePacket(m_adapter);
     ASSERT_NE(source, nullptr);
@@ -185,6 +185,16 @@ TEST_F(PacketObject, ACloneOfAnExternallyParsedFrameKeepsThePointerOffsetInsideI
     EXPECT_EQ(clone->m_pEthernet, clone->m_ApplicationData);
     EXPECT_EQ(clone->m_pArp, clone->m_ApplicationData + 14);
     EXPECT_EQ(Filter_ClonePacket(source, nullptr), FILTER_ERROR_INVALID_ARGUMENT);
+    Filter_ReleasePacket(clone);
+
+    /* A frame outside the record: the clone takes a copy of it and points into that. */
+    std::vector<UCHAR> outside = nftest::CaseFrame(8);
+    Filter_InitPacketHeader(source, outside.data());
+    source->m_nPacketSize = (ULONG)outside.size();
+    ASSERT_EQ(Filter_ClonePacket(source, &clone), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(clone->m_pEthernet, clone->m_Data);
+    EXPECT_EQ(clone->m_pIp, clone->m_Data + 14);
+    EXPECT_EQ(std::vector<UCHAR>(clone->m_Data, clone->m_Data + outside.size()), outside);
     Filter_ReleasePacket(clone);
     Filter_ReleasePacket(source);
 }
