@@ -148,9 +148,18 @@ TEST_F(SharedRings, TheOutputRingIsFullAt511AndWrapsAround)
     SharedBlockRing &output = shared->KernelModeOutput;
     for (int i = 0; i < 511; i++)
         ASSERT_TRUE(Indicate((UCHAR)i)) << i;
+    GlobalDebugFlag = 0x400;
+    HkDebugClearCapture();
     EXPECT_FALSE(Indicate(0xEE));
+    std::vector<UCHAR> signal(FILTER_SIGNAL_SIZE);
+    EXPECT_EQ(Filter_IndicateSignalToApplication(signal.data()), FILTER_ERROR_OUT_OF_MEMORY);
+    GlobalDebugFlag = 0;
     EXPECT_EQ(output.m_iWrite, 511);
     EXPECT_EQ(output.m_nCount, 512 + 511);
+    /* A full ring is no failure of the writer: both still end with their leave line. */
+    auto lines = nftest::TakeTrace();
+    EXPECT_GE(nftest::FindLine(lines, "Leave NdisFilter_WriteShareMemory(), success, IRQL=0"), 0);
+    EXPECT_GE(nftest::FindLine(lines, "Leave NdisFilter_WriteSignalPacket(), success, IRQL=0"), 0);
 
     /* The program takes every block: the ring is empty when the indexes meet. */
     for (LONG i = output.m_iRead; i != output.m_iWrite; i = (i + 1) % 512) {
@@ -372,4 +381,24 @@ TEST_F(SharedRings, HandlesRacingForTheShareGetOneOwnerAndReadsRacingCancelCompl
         CloseHandle(second);
         ASSERT_EQ(g_pGlobal->m_pPendingReadIrp, nullptr);
     }
+}
+
+TEST_F(SharedRings, APacketOfAnAdapterWithoutIdentifierEndsAtTheErrorLine)
+{
+    StartShare(m_device);
+    /* Any handle gets an identifier while the table has room: fill it. */
+    for (ULONG_PTR fake = 1; fake <= FILTER_MAX_ADAPTERS; fake++) {
+        ULONG id = 0;
+        Filter_AdapterToId((PFilterAdapter)(fake * 64), &id);
+    }
+    PFilterPacket packet = Packet(nftest::CaseFrame(8));
+    packet->m_hAdapter = (PFilterAdapter)(ULONG_PTR)0x7000;
+    GlobalDebugFlag = 0x400;
+    HkDebugClearCapture();
+    EXPECT_FALSE(NdisFilter_WriteShareMemory(packet));
+    GlobalDebugFlag = 0;
+    Filter_ReleasePacket(packet);
+    auto lines = nftest::TakeTrace();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), "Err: Filter_AdapterToId return failure.");
 }
