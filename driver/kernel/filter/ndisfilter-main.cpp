@@ -59,7 +59,7 @@ VOID WaitForThreadEnd(PHANDLE Handle)
     if (*Handle == NULL)
         return;
     PVOID thread = NULL;
-    if (NT_SUCCESS(ObReferenceObjectByHandle(*Handle, SYNCHRONIZE, NULL, KernelMode, &thread, NULL))) {
+    if (NT_SUCCESS(ObReferenceObjectByHandle(*Handle, SYNCHRONIZE, *PsThreadType, KernelMode, &thread, NULL))) {
         KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, NULL);
         ObDereferenceObject(thread);
     }

@@ -24,78 +24,58 @@ namespace {
 /*
  * A filter procedure may hand its packet on (release it, inject it, queue it)
  * and then fault. The walk must then leave the packet alone: it belongs to
- * where it went. Each thread that runs a filter procedure keeps a stack of
- * walk frames in one slot of a small table; the hand-off entries mark the
- * frames of the calling thread that carry their packet. The table is found
- * by thread, not by processor, since a filter may block on the host.
+ * where it went. A walk keeps a frame for its packet in a slot of a small
+ * table, owned by the walking thread while the walk lasts (nested walks of
+ * one thread stack their frames in the same slot, or take another); the
+ * hand-off entries mark the calling thread's frames that carry their packet.
+ * Slots go by thread, not by processor, since a filter may block on the host.
+ * No lock and no shared counter: claiming a slot is one compare-exchange.
  */
 #define NF_WALK_SLOTS 32
+
+struct WalkSlot;
 
 struct WalkFrame {
     PFilterPacket Packet;
     volatile BOOLEAN HandedOn;
     WalkFrame *Outer;
+    WalkSlot *Slot;
 };
 
 struct WalkSlot {
     PVOID volatile Thread;
     WalkFrame *Top;
+    UCHAR Padding[64 - sizeof(PVOID) * 2]; /* one slot per cache line */
 };
 
 WalkSlot WalkSlots[NF_WALK_SLOTS];
-volatile LONG WalkSlotsInUse;
-
-ULONG SlotHash(PVOID Thread)
-{
-    return (ULONG)(((ULONG_PTR)Thread >> 6) % NF_WALK_SLOTS);
-}
-
-/* The slot the current thread owns, or NULL. */
-WalkSlot *OwnSlot(PVOID Thread)
-{
-    ULONG start = SlotHash(Thread);
-    for (ULONG i = 0; i < NF_WALK_SLOTS; i++) {
-        WalkSlot *slot = &WalkSlots[(start + i) % NF_WALK_SLOTS];
-        if (slot->Thread == Thread)
-            return slot;
-    }
-    return NULL;
-}
 
 /* Pushes a frame for `Packet`; FALSE when every slot is taken (the frame is then not tracked). */
 BOOLEAN EnterWalkFrame(WalkFrame *Frame, PFilterPacket Packet)
 {
     PVOID thread = KeGetCurrentThread();
+    ULONG start = (ULONG)(((ULONG_PTR)thread >> 6) % NF_WALK_SLOTS);
     Frame->Packet = Packet;
     Frame->HandedOn = FALSE;
-    WalkSlot *slot = OwnSlot(thread);
-    if (slot == NULL) {
-        ULONG start = SlotHash(thread);
-        for (ULONG i = 0; i < NF_WALK_SLOTS && slot == NULL; i++) {
-            WalkSlot *candidate = &WalkSlots[(start + i) % NF_WALK_SLOTS];
-            if (InterlockedCompareExchangePointer(&candidate->Thread, thread, NULL) == NULL)
-                slot = candidate;
+    for (ULONG i = 0; i < NF_WALK_SLOTS; i++) {
+        WalkSlot *slot = &WalkSlots[(start + i) % NF_WALK_SLOTS];
+        if (slot->Thread == thread ||
+            InterlockedCompareExchangePointer(&slot->Thread, thread, NULL) == NULL) {
+            Frame->Outer = slot->Top;
+            Frame->Slot = slot;
+            slot->Top = Frame;
+            return TRUE;
         }
-        if (slot == NULL)
-            return FALSE;
-        slot->Top = NULL;
-        InterlockedIncrement(&WalkSlotsInUse);
     }
-    Frame->Outer = slot->Top;
-    slot->Top = Frame;
-    return TRUE;
+    return FALSE;
 }
 
 VOID LeaveWalkFrame(WalkFrame *Frame)
 {
-    WalkSlot *slot = OwnSlot(KeGetCurrentThread());
-    if (slot == NULL)
-        return;
+    WalkSlot *slot = Frame->Slot;
     slot->Top = Frame->Outer;
-    if (slot->Top == NULL) {
-        InterlockedDecrement(&WalkSlotsInUse);
+    if (slot->Top == NULL)
         InterlockedExchangePointer(&slot->Thread, NULL);
-    }
 }
 
 } // namespace
@@ -103,14 +83,14 @@ VOID LeaveWalkFrame(WalkFrame *Frame)
 /* Marks the current thread's walk frames that carry `Packet`: it has been handed on. */
 VOID NdisFilter_PacketHandedOn(PFilterPacket Packet)
 {
-    if (WalkSlotsInUse == 0)
-        return;
-    WalkSlot *slot = OwnSlot(KeGetCurrentThread());
-    if (slot == NULL)
-        return;
-    for (WalkFrame *frame = slot->Top; frame != NULL; frame = frame->Outer)
-        if (frame->Packet == Packet)
-            frame->HandedOn = TRUE;
+    PVOID thread = KeGetCurrentThread();
+    for (ULONG i = 0; i < NF_WALK_SLOTS; i++) {
+        if (WalkSlots[i].Thread != thread)
+            continue;
+        for (WalkFrame *frame = WalkSlots[i].Top; frame != NULL; frame = frame->Outer)
+            if (frame->Packet == Packet)
+                frame->HandedOn = TRUE;
+    }
 }
 
 /* ---- the filter chains ---- */
