@@ -28,7 +28,7 @@ protected:
     /* An event handler placed on the list by hand, as its registration will place it. */
     void AddHandler(PFilterDriver owner)
     {
-        PEventHandler handler = (PEventHandler)Filter_AllocateMemory(sizeof(EventHandler), 0x6441664E);
+        PEventHandler handler = (PEventHandler)NdisFilter_AllocateRecord(sizeof(EventHandler), 0x6441664E);
         memset(handler, 0, sizeof(*handler));
         handler->m_Tag = FILTER_EVENT_HANDLER_TAG;
         handler->m_hFilterDriver = owner;

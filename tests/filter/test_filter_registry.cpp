@@ -191,7 +191,7 @@ TEST_F(FilterRegistry, TheDumpPrintsTheChainHeadAndEveryFieldOfEveryFilter)
     EXPECT_EQ(Filter_DumpFilter(4), FILTER_ERROR_INVALID_FILTER_TYPE);
 }
 
-TEST_F(FilterRegistry, ForgedFilterHandlesArePrintedAsInvalidAndNeverFault)
+TEST_F(FilterRegistry, ForgedFilterHandlesArePrintedAsInvalidAndRecordsCannotBeFreedByClients)
 {
     PPacketFilter filter = RegisterFilter(m_driver, "real", FILTER_TYPE_INCOMING_PACKET, FILTER_ORDER_FIRST);
     HkDebugClearCapture();
@@ -203,6 +203,13 @@ TEST_F(FilterRegistry, ForgedFilterHandlesArePrintedAsInvalidAndNeverFault)
                   (unsigned long long)(ULONG_PTR)filter);
     EXPECT_GE(nftest::FindLine(nftest::TakeTrace(), line), 0);
 
-    EXPECT_EQ(Filter_ShowFilter((PPacketFilter)(ULONG_PTR)0x10, 0), FILTER_ERROR_EXCEPTION);
+    EXPECT_EQ(Filter_ShowFilter((PPacketFilter)(ULONG_PTR)0x10, 0), FILTER_ERROR_INVALID_PACKET_FILTER);
     EXPECT_GE(nftest::FindLine(nftest::TakeTrace(), "Filter_ShowFilter: exception, code = -1073741819"), 0);
+    /* A record of another kind is refused at its tag; nothing behind it is read. */
+    EXPECT_EQ(Filter_ShowFilter((PPacketFilter)m_driver, 0), FILTER_ERROR_INVALID_PACKET_FILTER);
+
+    /* The framework's records are not the client's to free. */
+    EXPECT_EQ(Filter_FreeMemory(m_driver), FILTER_ERROR_INVALID_MEMORY_POINTER);
+    EXPECT_EQ(Filter_FreeMemory(filter), FILTER_ERROR_INVALID_MEMORY_POINTER);
+    EXPECT_TRUE(Filter_IsValidDriver(m_driver));
 }

@@ -83,7 +83,7 @@ EXTERN_C FILTER_STATUS NTAPI Filter_RegisterDriver(PSTRING DriverName, PVOID Dri
     }
 
     ULONG size = sizeof(struct _FilterDriver) + DriverName->Length + 2;
-    PFilterDriver driver = (PFilterDriver)Filter_AllocateMemory(size, NF_DRIVER_POOL_TAG);
+    PFilterDriver driver = (PFilterDriver)NdisFilter_AllocateRecord(size, NF_DRIVER_POOL_TAG);
     if (driver == NULL)
         return status; /* success with no handle: callers test the handle */
     RtlZeroMemory(driver, size);
@@ -195,7 +195,7 @@ VOID RemoveInterfaces(PFilterDriver Driver)
                 item->m_bActive = FALSE;
             } else {
                 RemoveEntryList(link);
-                Filter_FreeMemory(item);
+                NdisFilter_FreeRecord(item);
             }
         }
         link = next;
@@ -235,7 +235,7 @@ EXTERN_C FILTER_STATUS NTAPI Filter_DeregisterDriver(PFilterDriver FilterDriver)
         RemoveInterfaces(FilterDriver);
         RemoveIoCtrlHandlers(FilterDriver);
         FilterDriver->m_Tag = 0; /* a stale handle no longer passes the check */
-        Filter_FreeMemory(FilterDriver);
+        NdisFilter_FreeRecord(FilterDriver);
     }
     return status;
 }

@@ -75,7 +75,7 @@ EXTERN_C FILTER_STATUS NTAPI Filter_RegisterFilter(PFilterDriver FilterDriver, P
             return status;
         }
         ULONG size = sizeof(PacketFilter) + FilterName->Length + 2;
-        PPacketFilter filter = (PPacketFilter)Filter_AllocateMemory(size, NF_FILTER_POOL_TAG);
+        PPacketFilter filter = (PPacketFilter)NdisFilter_AllocateRecord(size, NF_FILTER_POOL_TAG);
         if (filter != NULL) {
             RtlZeroMemory(filter, size);
             filter->m_Tag = FILTER_PACKET_FILTER_TAG;
@@ -147,7 +147,7 @@ EXTERN_C FILTER_STATUS NTAPI Filter_DeregisterFilter(PFilterDriver FilterDriver,
         if (removed) {
             Filter->m_Tag = 0; /* a stale handle no longer passes the check */
             NdisFilter_PurgeQueuedPackets(NULL, Filter);
-            Filter_FreeMemory(Filter);
+            NdisFilter_FreeRecord(Filter);
             Filter_DumpFilter(type);
             /* A successful removal ends with the error line for success and no leave line. */
             NF_TRACE_ERROR(NF_DBG_PACKET_FILTER, status);
@@ -274,8 +274,9 @@ EXTERN_C FILTER_STATUS NTAPI Filter_DumpFilter(FILTER_TYPE Type)
 
 /*
  * Filter_ShowFilter - prints one filter, field by field, whatever the mask
- * says. The record is copied under the fault guard before anything is
- * printed: a handle that is not a readable record prints the exception line
+ * says. Nothing of a handle that fails its check is read beyond its tag
+ * (FILTER_ERROR_INVALID_PACKET_FILTER); a valid one is copied under the fault
+ * guard before anything is printed, and a fault prints the exception line
  * and answers FILTER_ERROR_EXCEPTION. Names are printed up to 255 bytes.
  */
 EXTERN_C FILTER_STATUS NTAPI Filter_ShowFilter(PPacketFilter Filter, LONG Position)
@@ -283,6 +284,11 @@ EXTERN_C FILTER_STATUS NTAPI Filter_ShowFilter(PPacketFilter Filter, LONG Positi
     FILTER_STATUS status = FILTER_STATUS_SUCCESS;
     if (Filter == NULL) {
         status = FILTER_ERROR_INVALID_ARGUMENT;
+        return status;
+    }
+    if (!NdisFilter_CheckHandle("Filter_ShowFilter", Filter, FIELD_OFFSET(PacketFilter, m_Tag),
+                                FILTER_PACKET_FILTER_TAG)) {
+        status = FILTER_ERROR_INVALID_PACKET_FILTER;
         return status;
     }
     PacketFilter copy;
@@ -293,7 +299,8 @@ EXTERN_C FILTER_STATUS NTAPI Filter_ShowFilter(PPacketFilter Filter, LONG Positi
         nameLength = copy.m_FilterName.Buffer == NULL ? 0 : copy.m_FilterName.Length;
         if (nameLength > (int)sizeof(name) - 1)
             nameLength = (int)sizeof(name) - 1;
-        RtlCopyMemory(name, copy.m_FilterName.Buffer, nameLength);
+        if (nameLength != 0)
+            RtlCopyMemory(name, copy.m_FilterName.Buffer, nameLength);
     });
     if (code != 0) {
         NF_PRINT_EXCEPTION("Filter_ShowFilter", code);

@@ -132,6 +132,15 @@ typedef struct _NdisFilterDeviceExtension {
     PVOID m_pDriverToAppEthrLog;
 } NdisFilterDeviceExtension, *PNdisFilterDeviceExtension;
 
+/* ---- the framework's own records (ndisfilter-memory.cpp) ---- */
+/*
+ * Blocks laid out like Filter_AllocateMemory's (and traced the same), whose
+ * header Filter_FreeMemory refuses: a client cannot free a record that is
+ * still on one of the framework's lists.
+ */
+PVOID NdisFilter_AllocateRecord(ULONG Size, ULONG PoolTag);
+VOID NdisFilter_FreeRecord(PVOID Record);
+
 /* ---- plain globals (ndisfilter-main.cpp) ---- */
 EXTERN_C PNdisFilterDeviceExtension g_pGlobal;
 EXTERN_C ULONG g_PendingPacketLimit;

@@ -68,13 +68,13 @@ VOID WaitForThreadEnd(PHANDLE Handle)
 }
 
 /*
- * Frees every record on a list of records allocated with Filter_AllocateMemory.
+ * Frees every record on a list of records allocated with NdisFilter_AllocateRecord.
  * Each of these records keeps its list link as its first field.
  */
 VOID FreeRecordList(PLIST_ENTRY Head)
 {
     while (!IsListEmpty(Head))
-        Filter_FreeMemory(RemoveHeadList(Head));
+        NdisFilter_FreeRecord(RemoveHeadList(Head));
 }
 
 /* Frees every interface, each after the references its own list holds. */
@@ -83,7 +83,7 @@ VOID FreeInterfaces(PLIST_ENTRY Head)
     while (!IsListEmpty(Head)) {
         FilterInterface *item = CONTAINING_RECORD(RemoveHeadList(Head), FilterInterface, m_ListEntry);
         FreeRecordList(&item->m_ReferenceList);
-        Filter_FreeMemory(item);
+        NdisFilter_FreeRecord(item);
     }
 }
 

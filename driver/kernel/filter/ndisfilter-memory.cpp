@@ -10,11 +10,17 @@
 #include "ndisfilter-global.h"
 
 /*
- * Filter_AllocateMemory - a non-paged block of Size bytes behind a FilterMemory
- * header, from the NDIS allocator with the caller's pool tag. Not zeroed.
- * Returns the caller's block or NULL. IRQL <= DISPATCH_LEVEL.
+ * The header tag of the framework's own records (drivers, filters and the
+ * other records behind handles). Their blocks have the layout of
+ * Filter_AllocateMemory's, but Filter_FreeMemory refuses them, so a client
+ * cannot free a record that is still on one of the framework's lists.
  */
-EXTERN_C PVOID NTAPI Filter_AllocateMemory(ULONG Size, ULONG PoolTag)
+#define NF_RECORD_MEMORY_TAG 0x52414737 /* "7GAR" */
+
+namespace {
+
+/* A block of Size bytes behind a FilterMemory header that carries `HeaderTag`, or NULL. */
+PVOID AllocateBlock(ULONG Size, ULONG PoolTag, ULONG HeaderTag)
 {
     NF_ENTER(NF_DBG_COMMON, "Filter_AllocateMemory");
 
@@ -30,7 +36,7 @@ EXTERN_C PVOID NTAPI Filter_AllocateMemory(ULONG Size, ULONG PoolTag)
         NF_TRACE(NF_DBG_COMMON, "  NdisAllocateMemory(size=%d) fails\n", (int)total);
     } else {
         header->m_Size = total;
-        header->m_Tag = FILTER_MEMORY_TAG;
+        header->m_Tag = HeaderTag;
         block = header + 1;
     }
 
@@ -38,13 +44,8 @@ EXTERN_C PVOID NTAPI Filter_AllocateMemory(ULONG Size, ULONG PoolTag)
     return block;
 }
 
-/*
- * Filter_FreeMemory - gives back a block from Filter_AllocateMemory after
- * checking its header tag. A block freed once has tag 0, so a second free is
- * refused with FILTER_ERROR_INVALID_MEMORY_POINTER; a header that cannot be
- * read gives FILTER_ERROR_EXCEPTION. IRQL <= DISPATCH_LEVEL.
- */
-EXTERN_C FILTER_STATUS NTAPI Filter_FreeMemory(PVOID Memory)
+/* Frees a block whose header carries `HeaderTag`; the header is read under the fault guard. */
+FILTER_STATUS FreeBlock(PVOID Memory, ULONG HeaderTag)
 {
     FILTER_STATUS status = FILTER_STATUS_SUCCESS;
     NfStatusTrace trace(NF_DBG_COMMON, "Filter_FreeMemory", status);
@@ -56,7 +57,7 @@ EXTERN_C FILTER_STATUS NTAPI Filter_FreeMemory(PVOID Memory)
             return;
         }
         PFilterMemory header = (PFilterMemory)Memory - 1;
-        if (header->m_Tag != FILTER_MEMORY_TAG) {
+        if (header->m_Tag != HeaderTag) {
             NF_TRACE(NF_DBG_COMMON, "  pFilterMemory->m_Tag != FILTER_MEMORY_TAG\n");
             status = FILTER_ERROR_INVALID_MEMORY_POINTER;
             return;
@@ -69,6 +70,42 @@ EXTERN_C FILTER_STATUS NTAPI Filter_FreeMemory(PVOID Memory)
         status = FILTER_ERROR_EXCEPTION;
     }
     return status;
+}
+
+} // namespace
+
+/*
+ * Filter_AllocateMemory - a non-paged block of Size bytes behind a FilterMemory
+ * header, from the NDIS allocator with the caller's pool tag. Not zeroed.
+ * Returns the caller's block or NULL. IRQL <= DISPATCH_LEVEL.
+ */
+EXTERN_C PVOID NTAPI Filter_AllocateMemory(ULONG Size, ULONG PoolTag)
+{
+    return AllocateBlock(Size, PoolTag, FILTER_MEMORY_TAG);
+}
+
+/*
+ * Filter_FreeMemory - gives back a block from Filter_AllocateMemory after
+ * checking its header tag. A block freed once has tag 0, so a second free is
+ * refused with FILTER_ERROR_INVALID_MEMORY_POINTER, and so is one of the
+ * framework's own records; a header that cannot be read gives
+ * FILTER_ERROR_EXCEPTION. IRQL <= DISPATCH_LEVEL.
+ */
+EXTERN_C FILTER_STATUS NTAPI Filter_FreeMemory(PVOID Memory)
+{
+    return FreeBlock(Memory, FILTER_MEMORY_TAG);
+}
+
+/* A block for one of the framework's own records; traced as Filter_AllocateMemory. */
+PVOID NdisFilter_AllocateRecord(ULONG Size, ULONG PoolTag)
+{
+    return AllocateBlock(Size, PoolTag, NF_RECORD_MEMORY_TAG);
+}
+
+/* Frees a record from NdisFilter_AllocateRecord; traced as Filter_FreeMemory. */
+VOID NdisFilter_FreeRecord(PVOID Record)
+{
+    FreeBlock(Record, NF_RECORD_MEMORY_TAG);
 }
 
 namespace {

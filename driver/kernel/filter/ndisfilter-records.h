@@ -1,7 +1,7 @@
 /*
  * ndisfilter-records.h - the records behind the handles of the exported API.
  *
- * Every record comes from Filter_AllocateMemory, begins with its list link
+ * Every record comes from NdisFilter_AllocateRecord, begins with its list link
  * (so teardown can free a list without knowing the record) and carries a tag
  * that its Filter_IsValid* check compares inside a fault guard.
  */
@@ -94,7 +94,7 @@ VOID NdisFilter_RemoveOwnedRecords(PLIST_ENTRY Head, PFilterDriver Record::*Owne
         if (record->*Owner == Driver) {
             RemoveEntryList(link);
             beforeFree(record);
-            Filter_FreeMemory(record);
+            NdisFilter_FreeRecord(record);
         }
         link = next;
     }
