@@ -376,26 +376,37 @@ ULONG NhDeliveredCount(PFilterAdapter Adapter, ULONG Index)
     return adapter != NULL ? adapter->m_nDelivered[Index] : 0;
 }
 
-/* NhGetDelivered - copies the recorded frame at Position (0 = oldest). */
+/*
+ * NhGetDelivered - copies the recorded frame at Position (0 = oldest); with
+ * Remove, also forgets it once copied (Position 0 for the oldest).
+ */
 NTSTATUS NhGetDelivered(PFilterAdapter Adapter, ULONG Index, ULONG Position, PVOID Buffer,
-                        ULONG BufferSize, PULONG Length)
+                        ULONG BufferSize, PULONG Length, BOOLEAN Remove)
 {
-    NhLock lock;
-    PNhAdapter adapter = NhFindOpenAdapterLocked(Adapter);
-    if (adapter == NULL)
-        return NDIS_STATUS_ADAPTER_NOT_FOUND;
-    PLIST_ENTRY head = &adapter->m_Delivered[Index];
-    PLIST_ENTRY link = head->Flink;
-    for (ULONG i = 0; i < Position && link != head; i++)
-        link = link->Flink;
-    if (link == head)
-        return STATUS_NOT_FOUND;
-    PNhDelivery delivery = CONTAINING_RECORD(link, NhDelivery, m_Link);
-    *Length = delivery->m_nLength;
-    if (delivery->m_nLength > BufferSize)
-        return STATUS_BUFFER_TOO_SMALL;
-    if (delivery->m_nLength != 0)
-        RtlCopyMemory(Buffer, delivery->m_Frame, delivery->m_nLength);
+    PNhDelivery delivery;
+    {
+        NhLock lock;
+        PNhAdapter adapter = NhFindOpenAdapterLocked(Adapter);
+        if (adapter == NULL)
+            return NDIS_STATUS_ADAPTER_NOT_FOUND;
+        PLIST_ENTRY head = &adapter->m_Delivered[Index];
+        PLIST_ENTRY link = head->Flink;
+        for (ULONG i = 0; i < Position && link != head; i++)
+            link = link->Flink;
+        if (link == head)
+            return STATUS_NOT_FOUND;
+        delivery = CONTAINING_RECORD(link, NhDelivery, m_Link);
+        *Length = delivery->m_nLength;
+        if (delivery->m_nLength > BufferSize)
+            return STATUS_BUFFER_TOO_SMALL;
+        if (delivery->m_nLength != 0)
+            RtlCopyMemory(Buffer, delivery->m_Frame, delivery->m_nLength);
+        if (!Remove)
+            return STATUS_SUCCESS;
+        RemoveEntryList(link);
+        adapter->m_nDelivered[Index]--;
+    }
+    ExFreePoolWithTag(delivery, NH_DELIVERY_TAG);
     return STATUS_SUCCESS;
 }
 

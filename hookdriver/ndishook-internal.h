@@ -220,9 +220,9 @@ VOID NhFreeAdapters(VOID);
 VOID NhRecordDelivery(PNhAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG Length);
 ULONG NhDeliveredCount(PFilterAdapter Adapter, ULONG Index);
 /* Copies delivery `Position`; STATUS_NOT_FOUND when there is none, STATUS_BUFFER_TOO_SMALL
- * (with *Length set) when it does not fit. */
+ * (with *Length set) when it does not fit. With Remove the delivery copied is forgotten. */
 NTSTATUS NhGetDelivered(PFilterAdapter Adapter, ULONG Index, ULONG Position, PVOID Buffer,
-                        ULONG BufferSize, PULONG Length);
+                        ULONG BufferSize, PULONG Length, BOOLEAN Remove);
 VOID NhClearDelivered(PFilterAdapter Adapter);
 
 /* ---- packets (ndishook-packet.cpp) ---- */

@@ -163,6 +163,11 @@ ULONG NdisHookDeliveredCount(PFilterAdapter Adapter, ULONG Direction);
  * frame, STATUS_BUFFER_TOO_SMALL when it does not fit. */
 NTSTATUS NdisHookGetDelivered(PFilterAdapter Adapter, ULONG Direction, ULONG Index, PVOID Buffer,
                               ULONG BufferSize, PULONG Length);
+/* Takes the oldest frame out of the record: copies it as NdisHookGetDelivered does and forgets
+ * it (on STATUS_BUFFER_TOO_SMALL it stays). Frames delivered meanwhile are kept, so a reader
+ * can drain the record while traffic flows. */
+NTSTATUS NdisHookTakeDelivered(PFilterAdapter Adapter, ULONG Direction, PVOID Buffer, ULONG BufferSize,
+                               PULONG Length);
 VOID NdisHookClearDelivered(PFilterAdapter Adapter);
 
 /* ======================================================================
@@ -196,6 +201,8 @@ namespace ndishook {
 
 /* The frames delivered on an adapter in one direction, oldest first. */
 std::vector<std::vector<UCHAR>> DeliveredFrames(PFilterAdapter Adapter, ULONG Direction);
+/* Takes them out of the record (NdisHookTakeDelivered), oldest first. */
+std::vector<std::vector<UCHAR>> TakeDeliveredFrames(PFilterAdapter Adapter, ULONG Direction);
 
 } // namespace ndishook
 #endif
