@@ -461,8 +461,6 @@ protected:
         NdisHookGetStatistics(&after);
         EXPECT_EQ(after.ReceivesIndicated - before.ReceivesIndicated, m_sent[FromWire]);
         EXPECT_EQ(after.SendsIndicated - before.SendsIndicated, m_sent[FromProtocols]);
-        EXPECT_EQ(after.PacketsOutstanding, 0);
-        EXPECT_EQ(after.PacketsHandedOut, after.PacketsFreed + after.PacketsInjected);
         std::lock_guard<std::mutex> guard(m_problemLock);
         if (m_problemCount != 0) {
             std::string report;
