@@ -2,6 +2,12 @@
  * ndishook-adapter.cpp - adapters: opening, closing and media state (each
  * reported to the framework while bound), the adapter table the framework
  * asks for, and the frames delivered on each adapter.
+ *
+ * The hook driver keeps its bindings: an adapter's record is allocated when
+ * the adapter first opens and stays, marked closed, after it closes; the
+ * same adapter (by device name) opening again gets the same record back, so
+ * the framework sees the same handle and keeps its identifier for it. The
+ * records are freed when the hook driver unloads.
  */
 #include "ndishook-internal.h"
 
@@ -21,49 +27,84 @@ PNhAdapter FindByAddressLocked(const UCHAR *Key)
 {
     for (PLIST_ENTRY link = g_Hook.m_Adapters.Flink; link != &g_Hook.m_Adapters; link = link->Flink) {
         PNhAdapter adapter = CONTAINING_RECORD(link, NhAdapter, m_Link);
-        if (RtlEqualMemory(adapter->m_Filter.m_CurrentAddress, Key, 6))
+        if (adapter->m_bOpen && RtlEqualMemory(adapter->m_Filter.m_CurrentAddress, Key, 6))
             return adapter;
     }
     return NULL;
 }
 
-/* Frees every recorded delivery of one direction. */
-VOID FreeDeliveries(PLIST_ENTRY Head)
+/* The record of the adapter named Name (case-insensitive), open or closed, or NULL. Caller holds the lock. */
+PNhAdapter FindByNameLocked(PCUNICODE_STRING Name)
 {
-    while (!IsListEmpty(Head)) {
-        PNhDelivery delivery = CONTAINING_RECORD(RemoveHeadList(Head), NhDelivery, m_Link);
-        ExFreePoolWithTag(delivery, NH_DELIVERY_TAG);
+    for (PLIST_ENTRY link = g_Hook.m_Adapters.Flink; link != &g_Hook.m_Adapters; link = link->Flink) {
+        PNhAdapter adapter = CONTAINING_RECORD(link, NhAdapter, m_Link);
+        if (RtlEqualUnicodeString(&adapter->m_Filter.m_AdapterName, Name, TRUE))
+            return adapter;
+    }
+    return NULL;
+}
+
+/* Frees every recorded delivery of an adapter. Caller holds the lock or owns the record. */
+VOID FreeDeliveries(PNhAdapter Adapter)
+{
+    for (ULONG index = NH_TO_PROTOCOL; index <= NH_TO_ADAPTER; index++) {
+        PLIST_ENTRY head = &Adapter->m_Delivered[index];
+        while (!IsListEmpty(head)) {
+            PNhDelivery delivery = CONTAINING_RECORD(RemoveHeadList(head), NhDelivery, m_Link);
+            ExFreePoolWithTag(delivery, NH_DELIVERY_TAG);
+        }
+        Adapter->m_nDelivered[index] = 0;
     }
 }
 
-/* Takes an adapter out of the open list, reports the close and drops the list's reference. */
-VOID Close(PNhAdapter Adapter)
+/*
+ * Writes what the adapter reports of itself into its record (a new one, or a
+ * closed one opening again) and marks it open with no recorded deliveries.
+ * The fields the framework writes (m_Tag, the capture logs, the contexts)
+ * are left as they are. Caller holds the lock or owns the record.
+ */
+VOID OpenRecord(PNhAdapter Adapter, const NhAdapterSetup *Setup)
 {
-    {
-        NhFrameworkCall call;
-        if (call.Api() != NULL && call.Api()->Filter_AdapterClosed != NULL)
-            call.Api()->Filter_AdapterClosed(&Adapter->m_Filter);
-    }
-    NhDereferenceAdapter(Adapter);
+    FilterAdapter *filter = &Adapter->m_Filter;
+    RtlCopyMemory(filter->m_CurrentAddress, Setup->m_CurrentAddress, 6);
+    RtlCopyMemory(filter->m_PermanentAddress, Setup->m_PermanentAddress, 6);
+    filter->m_usMTU = Setup->m_usMTU;
+    filter->m_nAdapterMedium = Setup->m_nMedium;
+    filter->m_nAdapterMediaState = Setup->m_bConnected ? NdisMediaStateConnected : NdisMediaStateDisconnected;
+    filter->m_bNdisWanAdapter = Setup->m_bNdisWan;
+    Adapter->m_nLinkSpeed = Setup->m_nLinkSpeed != 0 ? Setup->m_nLinkSpeed : NH_DEFAULT_LINK_SPEED;
+    CopyName(Adapter->m_szName, sizeof(Adapter->m_szName), Setup->m_pszName);
+    FreeDeliveries(Adapter);
+    Adapter->m_bOpen = TRUE;
+}
+
+/* A new record named Name (not yet in the list, not open); NULL without memory. */
+PNhAdapter AllocateRecord(PCUNICODE_STRING Name)
+{
+    PNhAdapter adapter = (PNhAdapter)ExAllocatePoolWithTag(NonPagedPool, sizeof(NhAdapter), NH_ADAPTER_TAG);
+    if (adapter == NULL)
+        return NULL;
+    RtlZeroMemory(adapter, sizeof(*adapter));
+    RtlCopyMemory(adapter->m_wszDeviceName, Name->Buffer, Name->Length);
+    FilterAdapter *filter = &adapter->m_Filter;
+    filter->m_AdapterName.Buffer = adapter->m_wszDeviceName;
+    filter->m_AdapterName.Length = Name->Length;
+    filter->m_AdapterName.MaximumLength = (USHORT)sizeof(adapter->m_wszDeviceName);
+    adapter->m_Magic = NH_ADAPTER_MAGIC;
+    InitializeListHead(&adapter->m_Delivered[NH_TO_PROTOCOL]);
+    InitializeListHead(&adapter->m_Delivered[NH_TO_ADAPTER]);
+    return adapter;
+}
+
+/* Reports the close of an adapter already marked closed. */
+VOID ReportClose(PNhAdapter Adapter)
+{
+    NhFrameworkCall call;
+    if (call.Api() != NULL && call.Api()->Filter_AdapterClosed != NULL)
+        call.Api()->Filter_AdapterClosed(&Adapter->m_Filter);
 }
 
 } // namespace
-
-/* NhReferenceAdapter / NhDereferenceAdapter - the record lives until the last reference. */
-VOID NhReferenceAdapter(PNhAdapter Adapter)
-{
-    InterlockedIncrement(&Adapter->m_nReferences);
-}
-
-VOID NhDereferenceAdapter(PNhAdapter Adapter)
-{
-    if (InterlockedDecrement(&Adapter->m_nReferences) != 0)
-        return;
-    FreeDeliveries(&Adapter->m_Delivered[NH_TO_PROTOCOL]);
-    FreeDeliveries(&Adapter->m_Delivered[NH_TO_ADAPTER]);
-    Adapter->m_Magic = 0;
-    ExFreePoolWithTag(Adapter, NH_ADAPTER_TAG);
-}
 
 /* NhFindOpenAdapterLocked - the open adapter at this handle; the caller holds the lock. */
 PNhAdapter NhFindOpenAdapterLocked(PFilterAdapter Adapter)
@@ -71,75 +112,85 @@ PNhAdapter NhFindOpenAdapterLocked(PFilterAdapter Adapter)
     for (PLIST_ENTRY link = g_Hook.m_Adapters.Flink; link != &g_Hook.m_Adapters; link = link->Flink) {
         PNhAdapter adapter = CONTAINING_RECORD(link, NhAdapter, m_Link);
         if (&adapter->m_Filter == Adapter)
-            return adapter;
+            return adapter->m_bOpen ? adapter : NULL;
     }
     return NULL;
 }
 
-/* NhReferenceOpenAdapter - the open adapter at this handle with a reference, or NULL. */
-PNhAdapter NhReferenceOpenAdapter(PFilterAdapter Adapter)
+/* NhFindOpenAdapter - the open adapter at this handle, or NULL. */
+PNhAdapter NhFindOpenAdapter(PFilterAdapter Adapter)
 {
     NhLock lock;
-    PNhAdapter adapter = NhFindOpenAdapterLocked(Adapter);
-    if (adapter != NULL)
-        NhReferenceAdapter(adapter);
-    return adapter;
+    return NhFindOpenAdapterLocked(Adapter);
 }
 
 /*
- * NhOpenAdapter - a new open adapter, reported through Filter_AdapterOpened
- * when bound (the framework then finds it in the adapter table). NULL when
- * there is no memory. IRQL == PASSIVE_LEVEL.
+ * NhOpenAdapter - opens an adapter, reported through Filter_AdapterOpened
+ * when bound (the framework then finds it in the adapter table). An adapter
+ * whose device name has a record already gets that record back; NULL when
+ * that adapter is open now, or without memory. IRQL == PASSIVE_LEVEL.
  */
 PNhAdapter NhOpenAdapter(const NhAdapterSetup *Setup)
 {
     if (!g_Hook.m_bLoaded)
         return NULL;
-    PNhAdapter adapter = (PNhAdapter)ExAllocatePoolWithTag(NonPagedPool, sizeof(NhAdapter), NH_ADAPTER_TAG);
-    if (adapter == NULL)
-        return NULL;
-    RtlZeroMemory(adapter, sizeof(*adapter));
-    FilterAdapter *filter = &adapter->m_Filter;
-    RtlCopyMemory(filter->m_CurrentAddress, Setup->m_CurrentAddress, 6);
-    RtlCopyMemory(filter->m_PermanentAddress, Setup->m_PermanentAddress, 6);
-    filter->m_usMTU = Setup->m_usMTU;
-    filter->m_nAdapterMedium = Setup->m_nMedium;
-    filter->m_nAdapterMediaState = Setup->m_bConnected ? NdisMediaStateConnected : NdisMediaStateDisconnected;
-    filter->m_bNdisWanAdapter = Setup->m_bNdisWan;
-
+    WCHAR buffer[NH_ADAPTER_NAME_CHARS];
     ULONG chars = 0;
-    while (Setup->m_pszDeviceName != NULL && Setup->m_pszDeviceName[chars] != 0 &&
-           chars + 1 < NH_ADAPTER_NAME_CHARS) {
-        adapter->m_wszDeviceName[chars] = Setup->m_pszDeviceName[chars];
+    while (Setup->m_pszDeviceName != NULL && Setup->m_pszDeviceName[chars] != 0 && chars + 1 < NH_ADAPTER_NAME_CHARS) {
+        buffer[chars] = Setup->m_pszDeviceName[chars];
         chars++;
     }
-    adapter->m_wszDeviceName[chars] = 0;
-    filter->m_AdapterName.Buffer = adapter->m_wszDeviceName;
-    filter->m_AdapterName.Length = (USHORT)(chars * sizeof(WCHAR));
-    filter->m_AdapterName.MaximumLength = (USHORT)sizeof(adapter->m_wszDeviceName);
+    UNICODE_STRING name;
+    name.Buffer = buffer;
+    name.Length = (USHORT)(chars * sizeof(WCHAR));
+    name.MaximumLength = (USHORT)sizeof(buffer);
 
-    adapter->m_Magic = NH_ADAPTER_MAGIC;
-    adapter->m_nReferences = 1; /* the open list's */
-    adapter->m_bOpen = TRUE;
-    adapter->m_nLinkSpeed = Setup->m_nLinkSpeed != 0 ? Setup->m_nLinkSpeed : NH_DEFAULT_LINK_SPEED;
-    CopyName(adapter->m_szName, sizeof(adapter->m_szName), Setup->m_pszName);
-    InitializeListHead(&adapter->m_Delivered[NH_TO_PROTOCOL]);
-    InitializeListHead(&adapter->m_Delivered[NH_TO_ADAPTER]);
-    {
-        NhLock lock;
-        InsertTailList(&g_Hook.m_Adapters, &adapter->m_Link);
+    /* Looked up first; a record is allocated (outside the lock) only for an adapter never seen,
+     * and the lookup repeated in case the same adapter opened meanwhile. */
+    PNhAdapter fresh = NULL;
+    PNhAdapter adapter = NULL;
+    for (;;) {
+        {
+            NhLock lock;
+            adapter = FindByNameLocked(&name);
+            if (adapter != NULL) {
+                if (adapter->m_bOpen) {
+                    adapter = NULL; /* open already */
+                } else {
+                    /* The list keeps the order in which the adapters last opened. */
+                    RemoveEntryList(&adapter->m_Link);
+                    InsertTailList(&g_Hook.m_Adapters, &adapter->m_Link);
+                    OpenRecord(adapter, Setup);
+                }
+                break;
+            }
+            if (fresh != NULL) {
+                adapter = fresh;
+                fresh = NULL;
+                InsertTailList(&g_Hook.m_Adapters, &adapter->m_Link);
+                OpenRecord(adapter, Setup);
+                break;
+            }
+        }
+        fresh = AllocateRecord(&name);
+        if (fresh == NULL)
+            return NULL;
     }
+    if (fresh != NULL)
+        ExFreePoolWithTag(fresh, NH_ADAPTER_TAG);
+    if (adapter == NULL)
+        return NULL;
 
     NhFrameworkCall call;
     if (call.Api() != NULL && call.Api()->Filter_AdapterOpened != NULL)
-        call.Api()->Filter_AdapterOpened(filter);
+        call.Api()->Filter_AdapterOpened(&adapter->m_Filter);
     return adapter;
 }
 
 /*
- * NhCloseAdapter - takes an open adapter out of the table, then reports the
- * close; the record (and its deliveries) goes once no packet for it is out.
- * IRQL == PASSIVE_LEVEL.
+ * NhCloseAdapter - marks an open adapter closed (out of the adapter table,
+ * its recorded frames gone), then reports the close. The record stays for
+ * the adapter's return. IRQL == PASSIVE_LEVEL.
  */
 NTSTATUS NhCloseAdapter(PFilterAdapter Adapter)
 {
@@ -149,15 +200,38 @@ NTSTATUS NhCloseAdapter(PFilterAdapter Adapter)
         adapter = NhFindOpenAdapterLocked(Adapter);
         if (adapter == NULL)
             return STATUS_NOT_FOUND;
-        RemoveEntryList(&adapter->m_Link);
         adapter->m_bOpen = FALSE;
+        FreeDeliveries(adapter);
     }
-    Close(adapter);
+    ReportClose(adapter);
     return STATUS_SUCCESS;
 }
 
 /* NhCloseAllAdapters - closes every open adapter, oldest first (at unload). */
 VOID NhCloseAllAdapters(VOID)
+{
+    for (;;) {
+        PNhAdapter adapter = NULL;
+        {
+            NhLock lock;
+            for (PLIST_ENTRY link = g_Hook.m_Adapters.Flink; link != &g_Hook.m_Adapters; link = link->Flink) {
+                PNhAdapter candidate = CONTAINING_RECORD(link, NhAdapter, m_Link);
+                if (candidate->m_bOpen) {
+                    adapter = candidate;
+                    adapter->m_bOpen = FALSE;
+                    FreeDeliveries(adapter);
+                    break;
+                }
+            }
+        }
+        if (adapter == NULL)
+            return;
+        ReportClose(adapter);
+    }
+}
+
+/* NhFreeAdapters - frees every record (at unload, once no packet is out). */
+VOID NhFreeAdapters(VOID)
 {
     for (;;) {
         PNhAdapter adapter;
@@ -166,9 +240,10 @@ VOID NhCloseAllAdapters(VOID)
             if (IsListEmpty(&g_Hook.m_Adapters))
                 return;
             adapter = CONTAINING_RECORD(RemoveHeadList(&g_Hook.m_Adapters), NhAdapter, m_Link);
-            adapter->m_bOpen = FALSE;
         }
-        Close(adapter);
+        FreeDeliveries(adapter);
+        adapter->m_Magic = 0;
+        ExFreePoolWithTag(adapter, NH_ADAPTER_TAG);
     }
 }
 
@@ -182,32 +257,25 @@ NTSTATUS NhSetMediaState(PFilterAdapter Adapter, ULONG State)
 {
     if (State != NdisMediaStateConnected && State != NdisMediaStateDisconnected)
         return STATUS_INVALID_PARAMETER;
-    PNhAdapter adapter;
     {
         NhLock lock;
-        adapter = NhFindOpenAdapterLocked(Adapter);
+        PNhAdapter adapter = NhFindOpenAdapterLocked(Adapter);
         if (adapter == NULL)
             return NDIS_STATUS_ADAPTER_NOT_FOUND;
         if (adapter->m_Filter.m_nAdapterMediaState == State)
             return STATUS_SUCCESS;
         adapter->m_Filter.m_nAdapterMediaState = State;
-        NhReferenceAdapter(adapter);
     }
-    {
-        NhFrameworkCall call;
-        if (call.Api() != NULL && call.Api()->Filter_AdapterStatusChanged != NULL) {
-            KIRQL irql;
-            KeRaiseIrql(DISPATCH_LEVEL, &irql);
-            call.Api()->Filter_AdapterStatusChanged(Adapter, State == NdisMediaStateConnected
-                                                                 ? NDIS_STATUS_MEDIA_CONNECT
-                                                                 : NDIS_STATUS_MEDIA_DISCONNECT);
-            KeLowerIrql(irql);
-        }
+    NhFrameworkCall call;
+    if (call.Api() != NULL && call.Api()->Filter_AdapterStatusChanged != NULL) {
+        KIRQL irql;
+        KeRaiseIrql(DISPATCH_LEVEL, &irql);
+        call.Api()->Filter_AdapterStatusChanged(Adapter, State == NdisMediaStateConnected ? NDIS_STATUS_MEDIA_CONNECT
+                                                                                          : NDIS_STATUS_MEDIA_DISCONNECT);
+        KeLowerIrql(irql);
     }
-    NhDereferenceAdapter(adapter);
     return STATUS_SUCCESS;
 }
-
 /*
  * Hook_SetAdapterStatus - the media state of the open adapter whose current
  * address is AdapterKey (6 bytes); a change is indicated to the framework
@@ -263,6 +331,8 @@ EXTERN_C VOID NTAPI NhGetTcpIpBoundAdapters(PVOID AdapterList)
         for (PLIST_ENTRY link = g_Hook.m_Adapters.Flink;
              link != &g_Hook.m_Adapters && count < FILTER_MAX_ADAPTERS; link = link->Flink) {
             PNhAdapter adapter = CONTAINING_RECORD(link, NhAdapter, m_Link);
+            if (!adapter->m_bOpen)
+                continue;
             AdapterInfo info;
             RtlZeroMemory(&info, sizeof(info));
             info.m_hAdapter = &adapter->m_Filter;
@@ -306,26 +376,37 @@ ULONG NhDeliveredCount(PFilterAdapter Adapter, ULONG Index)
     return adapter != NULL ? adapter->m_nDelivered[Index] : 0;
 }
 
-/* NhGetDelivered - copies the recorded frame at Position (0 = oldest). */
+/*
+ * NhGetDelivered - copies the recorded frame at Position (0 = oldest); with
+ * Remove, also forgets it once copied (Position 0 for the oldest).
+ */
 NTSTATUS NhGetDelivered(PFilterAdapter Adapter, ULONG Index, ULONG Position, PVOID Buffer,
-                        ULONG BufferSize, PULONG Length)
+                        ULONG BufferSize, PULONG Length, BOOLEAN Remove)
 {
-    NhLock lock;
-    PNhAdapter adapter = NhFindOpenAdapterLocked(Adapter);
-    if (adapter == NULL)
-        return NDIS_STATUS_ADAPTER_NOT_FOUND;
-    PLIST_ENTRY head = &adapter->m_Delivered[Index];
-    PLIST_ENTRY link = head->Flink;
-    for (ULONG i = 0; i < Position && link != head; i++)
-        link = link->Flink;
-    if (link == head)
-        return STATUS_NOT_FOUND;
-    PNhDelivery delivery = CONTAINING_RECORD(link, NhDelivery, m_Link);
-    *Length = delivery->m_nLength;
-    if (delivery->m_nLength > BufferSize)
-        return STATUS_BUFFER_TOO_SMALL;
-    if (delivery->m_nLength != 0)
-        RtlCopyMemory(Buffer, delivery->m_Frame, delivery->m_nLength);
+    PNhDelivery delivery;
+    {
+        NhLock lock;
+        PNhAdapter adapter = NhFindOpenAdapterLocked(Adapter);
+        if (adapter == NULL)
+            return NDIS_STATUS_ADAPTER_NOT_FOUND;
+        PLIST_ENTRY head = &adapter->m_Delivered[Index];
+        PLIST_ENTRY link = head->Flink;
+        for (ULONG i = 0; i < Position && link != head; i++)
+            link = link->Flink;
+        if (link == head)
+            return STATUS_NOT_FOUND;
+        delivery = CONTAINING_RECORD(link, NhDelivery, m_Link);
+        *Length = delivery->m_nLength;
+        if (delivery->m_nLength > BufferSize)
+            return STATUS_BUFFER_TOO_SMALL;
+        if (delivery->m_nLength != 0)
+            RtlCopyMemory(Buffer, delivery->m_Frame, delivery->m_nLength);
+        if (!Remove)
+            return STATUS_SUCCESS;
+        RemoveEntryList(link);
+        adapter->m_nDelivered[Index]--;
+    }
+    ExFreePoolWithTag(delivery, NH_DELIVERY_TAG);
     return STATUS_SUCCESS;
 }
 
@@ -334,10 +415,6 @@ VOID NhClearDelivered(PFilterAdapter Adapter)
 {
     NhLock lock;
     PNhAdapter adapter = NhFindOpenAdapterLocked(Adapter);
-    if (adapter == NULL)
-        return;
-    FreeDeliveries(&adapter->m_Delivered[NH_TO_PROTOCOL]);
-    FreeDeliveries(&adapter->m_Delivered[NH_TO_ADAPTER]);
-    adapter->m_nDelivered[NH_TO_PROTOCOL] = 0;
-    adapter->m_nDelivered[NH_TO_ADAPTER] = 0;
+    if (adapter != NULL)
+        FreeDeliveries(adapter);
 }

@@ -165,7 +165,18 @@ NTSTATUS NdisHookGetDelivered(PFilterAdapter Adapter, ULONG Direction, ULONG Ind
     ULONG index;
     if (!DeliveryIndex(Direction, &index) || Length == nullptr)
         return STATUS_INVALID_PARAMETER;
-    return NhGetDelivered(Adapter, index, Index, Buffer, BufferSize, Length);
+    return NhGetDelivered(Adapter, index, Index, Buffer, BufferSize, Length, FALSE);
+}
+
+NTSTATUS NdisHookTakeDelivered(PFilterAdapter Adapter, ULONG Direction, PVOID Buffer, ULONG BufferSize,
+                               PULONG Length)
+{
+    if (!g_Hook.m_bLoaded)
+        return STATUS_DEVICE_NOT_READY;
+    ULONG index;
+    if (!DeliveryIndex(Direction, &index) || Length == nullptr)
+        return STATUS_INVALID_PARAMETER;
+    return NhGetDelivered(Adapter, index, 0, Buffer, BufferSize, Length, TRUE);
 }
 
 VOID NdisHookClearDelivered(PFilterAdapter Adapter)
@@ -227,6 +238,24 @@ std::vector<std::vector<UCHAR>> DeliveredFrames(PFilterAdapter Adapter, ULONG Di
             NdisHookGetDelivered(Adapter, Direction, i, frame.data(), length, &length) != STATUS_SUCCESS)
             break;
         frames.push_back(std::move(frame));
+    }
+    return frames;
+}
+
+std::vector<std::vector<UCHAR>> TakeDeliveredFrames(PFilterAdapter Adapter, ULONG Direction)
+{
+    std::vector<std::vector<UCHAR>> frames;
+    std::vector<UCHAR> buffer(2048);
+    for (;;) {
+        ULONG length = 0;
+        NTSTATUS status = NdisHookTakeDelivered(Adapter, Direction, buffer.data(), (ULONG)buffer.size(), &length);
+        if (status == STATUS_BUFFER_TOO_SMALL) {
+            buffer.resize(length);
+            continue;
+        }
+        if (status != STATUS_SUCCESS)
+            break;
+        frames.emplace_back(buffer.begin(), buffer.begin() + length);
     }
     return frames;
 }

@@ -46,15 +46,15 @@ typedef struct _NhDelivery {
 
 /*
  * One adapter. The framework sees the FilterAdapter at its start; the rest
- * is the hook driver's. The record lives while it is open or any packet for
- * it is out (m_nReferences).
+ * is the hook driver's. The record lives from the adapter's first open until
+ * the hook driver unloads: closed, it stays in the list marked so, and the
+ * adapter of the same device name opening again gets it back.
  */
 typedef struct _NhAdapter {
     FilterAdapter m_Filter;
     ULONG m_Magic;
-    volatile LONG m_nReferences;
     BOOLEAN m_bOpen;
-    LIST_ENTRY m_Link; /* in g_Hook.m_Adapters while open */
+    LIST_ENTRY m_Link; /* in g_Hook.m_Adapters */
     ULONG m_nLinkSpeed;
     CHAR m_szName[256]; /* AdapterInfo.m_szAdapterName */
     WCHAR m_wszDeviceName[NH_ADAPTER_NAME_CHARS]; /* behind m_Filter.m_AdapterName */
@@ -72,7 +72,7 @@ typedef struct _NhPacketPrivate {
     ULONG m_Magic;
     ULONG m_nOrigin;
     LIST_ENTRY m_Link; /* in g_Hook.m_Packets while handed out */
-    PNhAdapter m_pAdapter; /* referenced */
+    PNhAdapter m_pAdapter;
     PNDIS_PACKET m_pNdisPacket;
     PUCHAR m_pFrame; /* the memory the NDIS buffers describe */
     ULONG m_nFrameLength;
@@ -110,7 +110,7 @@ typedef struct _NhGlobal {
     BOOLEAN m_bLoaded;
     PDRIVER_OBJECT m_pDriver;
     KSPIN_LOCK m_Lock;
-    LIST_ENTRY m_Adapters; /* open adapters, in the order they opened */
+    LIST_ENTRY m_Adapters; /* every adapter record, in the order they last opened */
     LIST_ENTRY m_Packets;  /* packet records handed out */
     LIST_ENTRY m_Requests; /* request blocks allocated */
     PVOID m_Returned[NH_RECENTLY_RETURNED]; /* packet records taken back lately */
@@ -200,29 +200,29 @@ typedef struct _NhAdapterSetup {
     ULONG m_nLinkSpeed;
 } NhAdapterSetup;
 
-/* Opens an adapter and reports it; NULL without memory. IRQL == PASSIVE_LEVEL. */
+/* Opens an adapter and reports it, reusing the record of an adapter of the same device name
+ * that opened before; NULL when that adapter is open or without memory. IRQL == PASSIVE_LEVEL. */
 PNhAdapter NhOpenAdapter(const NhAdapterSetup *Setup);
-/* Closes an open adapter and reports it. IRQL == PASSIVE_LEVEL. */
+/* Marks an open adapter closed and reports it; the record stays. IRQL == PASSIVE_LEVEL. */
 NTSTATUS NhCloseAdapter(PFilterAdapter Adapter);
 /* Sets the media state (NdisMediaStateConnected / Disconnected) and reports a change. */
 NTSTATUS NhSetMediaState(PFilterAdapter Adapter, ULONG State);
-/* The open adapter behind a handle, referenced; NULL when it is not one. Under no lock. */
-PNhAdapter NhReferenceOpenAdapter(PFilterAdapter Adapter);
+/* The open adapter behind a handle; NULL when it is not one. Takes the lock. */
+PNhAdapter NhFindOpenAdapter(PFilterAdapter Adapter);
 /* The open adapter whose record is at Adapter; NULL otherwise. Caller holds the lock. */
 PNhAdapter NhFindOpenAdapterLocked(PFilterAdapter Adapter);
-VOID NhReferenceAdapter(PNhAdapter Adapter);
-/* Drops a reference; the last one frees the record with its deliveries. */
-VOID NhDereferenceAdapter(PNhAdapter Adapter);
-/* Closes every adapter (at unload). */
+/* Closes every open adapter (at unload). */
 VOID NhCloseAllAdapters(VOID);
+/* Frees every adapter record with its deliveries (at unload, after the packets). */
+VOID NhFreeAdapters(VOID);
 
 /* Records a frame delivered on an adapter (NH_TO_PROTOCOL / NH_TO_ADAPTER). */
 VOID NhRecordDelivery(PNhAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG Length);
 ULONG NhDeliveredCount(PFilterAdapter Adapter, ULONG Index);
 /* Copies delivery `Position`; STATUS_NOT_FOUND when there is none, STATUS_BUFFER_TOO_SMALL
- * (with *Length set) when it does not fit. */
+ * (with *Length set) when it does not fit. With Remove the delivery copied is forgotten. */
 NTSTATUS NhGetDelivered(PFilterAdapter Adapter, ULONG Index, ULONG Position, PVOID Buffer,
-                        ULONG BufferSize, PULONG Length);
+                        ULONG BufferSize, PULONG Length, BOOLEAN Remove);
 VOID NhClearDelivered(PFilterAdapter Adapter);
 
 /* ---- packets (ndishook-packet.cpp) ---- */

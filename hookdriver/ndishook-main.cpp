@@ -102,7 +102,8 @@ ULONG ReadBindAtLoad(PUNICODE_STRING RegistryPath)
 
 /*
  * NhUnload - reports the adapters closed while still bound, unbinds, then
- * reclaims what is still out (each a verifier finding). IRQL == PASSIVE_LEVEL.
+ * reclaims what is still out (each a verifier finding) and frees the adapter
+ * records. IRQL == PASSIVE_LEVEL.
  */
 VOID NhUnload(PDRIVER_OBJECT DriverObject)
 {
@@ -111,6 +112,7 @@ VOID NhUnload(PDRIVER_OBJECT DriverObject)
     NhUnbind();
     NhReclaimPackets();
     NhReclaimRequests();
+    NhFreeAdapters();
     g_Hook.m_bLoaded = FALSE;
 }
 

@@ -23,7 +23,7 @@ namespace {
 /* The private record starts the packet record, so a list link leads back to the packet. */
 C_ASSERT(FIELD_OFFSET(FilterPacket, m_HookPrivate1) == 0);
 
-/* A new zeroed record for an adapter (referenced), counted as handed out. */
+/* A new zeroed record for an adapter, counted as handed out. */
 PFilterPacket NewRecord(PNhAdapter Adapter, ULONG Origin, PCSTR File, ULONG Line)
 {
     PFilterPacket packet = (PFilterPacket)ExAllocatePoolWithTag(NonPagedPool, sizeof(FilterPacket), NH_PACKET_TAG);
@@ -37,7 +37,6 @@ PFilterPacket NewRecord(PNhAdapter Adapter, ULONG Origin, PCSTR File, ULONG Line
     own->m_pAdapter = Adapter;
     own->m_pszFile = File;
     own->m_nLine = Line;
-    NhReferenceAdapter(Adapter);
     NhLock lock;
     InsertTailList(&g_Hook.m_Packets, &own->m_Link);
     g_Hook.m_Counters.m_nHandedOut++;
@@ -104,10 +103,8 @@ VOID Dispose(PFilterPacket Packet)
     }
     PNhPacketPrivate own = NH_PRIVATE(Packet);
     FreeNdisPacket(own->m_pNdisPacket, own->m_pFrame);
-    PNhAdapter adapter = own->m_pAdapter;
     own->m_Magic = 0;
     ExFreePoolWithTag(Packet, NH_PACKET_TAG);
-    NhDereferenceAdapter(adapter);
 }
 
 /*
@@ -208,7 +205,7 @@ NDIS_STATUS Inject(PFilterAdapter Adapter, PFilterPacket Packet, ULONG Index, PC
     if (!TakeBack(Packet, How, NULL, 0))
         return NDIS_STATUS_INVALID_PACKET;
     NDIS_STATUS status = NDIS_STATUS_SUCCESS;
-    PNhAdapter adapter = NhReferenceOpenAdapter(Adapter);
+    PNhAdapter adapter = NhFindOpenAdapter(Adapter);
     if (adapter == NULL) {
         status = NDIS_STATUS_ADAPTER_NOT_FOUND;
     } else {
@@ -224,7 +221,6 @@ NDIS_STATUS Inject(PFilterAdapter Adapter, PFilterPacket Packet, ULONG Index, PC
             NhRecordDelivery(adapter, Index, frame, length);
         if (scratch != NULL)
             ExFreePoolWithTag(scratch, NH_FRAME_TAG);
-        NhDereferenceAdapter(adapter);
     }
     {
         NhLock lock;
@@ -287,12 +283,10 @@ VOID NhReclaimPackets(VOID)
  */
 EXTERN_C PFilterPacket NTAPI NhAllocatePacket(PFilterAdapter Adapter, PCSTR File, ULONG Line)
 {
-    PNhAdapter adapter = NhReferenceOpenAdapter(Adapter);
+    PNhAdapter adapter = NhFindOpenAdapter(Adapter);
     if (adapter == NULL)
         return NULL;
-    PFilterPacket packet = NewRecord(adapter, NH_ORIGIN_ALLOCATED, File, Line);
-    NhDereferenceAdapter(adapter);
-    return packet;
+    return NewRecord(adapter, NH_ORIGIN_ALLOCATED, File, Line);
 }
 
 /*
@@ -341,14 +335,13 @@ NTSTATUS NhIndicateFrame(PFilterAdapter Adapter, ULONG Index, const UCHAR *Frame
 {
     if (Frame == NULL || Length == 0)
         return STATUS_INVALID_PARAMETER;
-    PNhAdapter adapter = NhReferenceOpenAdapter(Adapter);
+    PNhAdapter adapter = NhFindOpenAdapter(Adapter);
     if (adapter == NULL)
         return NDIS_STATUS_ADAPTER_NOT_FOUND;
     NTSTATUS status = STATUS_SUCCESS;
     NhFrameworkCall call;
     if (call.Api() == NULL) {
         PassThrough(adapter, Index, Frame, Length);
-        NhDereferenceAdapter(adapter);
         return STATUS_SUCCESS;
     }
 
@@ -399,7 +392,6 @@ NTSTATUS NhIndicateFrame(PFilterAdapter Adapter, ULONG Index, const UCHAR *Frame
             call.Api()->Filter_FilterSendPacket(packet);
         KeLowerIrql(irql);
     }
-    NhDereferenceAdapter(adapter);
     return status;
 }
 

@@ -57,6 +57,12 @@ NTSTATUS NTAPI NdisHookDriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING 
  *    Hook_Get/SetAdapterStatus) are NDIS_MEDIA_STATE values: NdisMediaStateConnected (0)
  *    or NdisMediaStateDisconnected (1). Hook_SetAdapterStatus indicates a change through
  *    Filter_AdapterStatusChanged before it returns;
+ *  - an adapter handle (the FilterAdapter record) stays valid from the adapter's first open
+ *    until the hook driver unloads. A closed adapter keeps its record, marked closed; the
+ *    adapter of the same device name opening again gets the same record and so the same
+ *    handle back, and the framework's identifier for it (Filter_AdapterToId) with it.
+ *    The framework never reuses identifiers and has FILTER_MAX_ADAPTERS of them, so this is
+ *    what keeps adapters that come and go reachable from the application;
  *  - Hook_AllocatePacket returns NULL for an adapter that is not open;
  *  - an inject function always takes the packet back, whatever status it returns;
  *  - a packet handed back twice (freed or injected), or a pointer that never was a packet
@@ -99,11 +105,13 @@ typedef struct _NDIS_HOOK_ADAPTER_SETUP {
 } NDIS_HOOK_ADAPTER_SETUP, *PNDIS_HOOK_ADAPTER_SETUP;
 
 /* Opens an adapter; while bound the framework hears of it through Filter_AdapterOpened (and
- * finds it in the adapter table after a later bind otherwise). Returns the adapter handle,
- * or NULL. */
+ * finds it in the adapter table after a later bind otherwise). Device names are compared
+ * without regard to case: an adapter that was open before gets its record back, with the
+ * setup's addresses, MTU, medium and media state written into it. Returns the adapter
+ * handle; NULL when an adapter of that device name is open now, or without memory. */
 PFilterAdapter NdisHookOpenAdapter(const NDIS_HOOK_ADAPTER_SETUP *Setup);
-/* Closes an open adapter (Filter_AdapterClosed while bound); its recorded frames go with it.
- * STATUS_NOT_FOUND when it is not open. */
+/* Closes an open adapter (Filter_AdapterClosed while bound); its recorded frames go with it,
+ * its record stays until unload. STATUS_NOT_FOUND when it is not open. */
 NTSTATUS NdisHookCloseAdapter(PFilterAdapter Adapter);
 /* Connects or disconnects the medium; a change is indicated as NDIS_STATUS_MEDIA_CONNECT /
  * NDIS_STATUS_MEDIA_DISCONNECT through Filter_AdapterStatusChanged while bound. */
@@ -155,6 +163,11 @@ ULONG NdisHookDeliveredCount(PFilterAdapter Adapter, ULONG Direction);
  * frame, STATUS_BUFFER_TOO_SMALL when it does not fit. */
 NTSTATUS NdisHookGetDelivered(PFilterAdapter Adapter, ULONG Direction, ULONG Index, PVOID Buffer,
                               ULONG BufferSize, PULONG Length);
+/* Takes the oldest frame out of the record: copies it as NdisHookGetDelivered does and forgets
+ * it (on STATUS_BUFFER_TOO_SMALL it stays). Frames delivered meanwhile are kept, so a reader
+ * can drain the record while traffic flows. */
+NTSTATUS NdisHookTakeDelivered(PFilterAdapter Adapter, ULONG Direction, PVOID Buffer, ULONG BufferSize,
+                               PULONG Length);
 VOID NdisHookClearDelivered(PFilterAdapter Adapter);
 
 /* ======================================================================
@@ -188,6 +201,8 @@ namespace ndishook {
 
 /* The frames delivered on an adapter in one direction, oldest first. */
 std::vector<std::vector<UCHAR>> DeliveredFrames(PFilterAdapter Adapter, ULONG Direction);
+/* Takes them out of the record (NdisHookTakeDelivered), oldest first. */
+std::vector<std::vector<UCHAR>> TakeDeliveredFrames(PFilterAdapter Adapter, ULONG Direction);
 
 } // namespace ndishook
 #endif

@@ -76,7 +76,8 @@ inline NTSTATUS SendToDevice(UCHAR major, ULONG code, std::vector<UCHAR> &buffer
 
 class Framework : public ::testing::Test {
 protected:
-    /* Loads the driver; GlobalDebugFlag is written to the service key unless `noDebugFlag`. */
+    /* Loads the driver; GlobalDebugFlag is written to the service key unless `noDebugFlag`. A driver
+     * whose entry failed is discarded. */
     NTSTATUS Load(ULONG debugFlag = 0, bool writeDebugFlag = true)
     {
         HkRegistryReset();
@@ -86,6 +87,11 @@ protected:
         HkDebugClearCapture();
         NTSTATUS status = HkLoadDriver(DriverEntry, "NdisFilter", &m_driver);
         m_loaded = NT_SUCCESS(status);
+        /* A failed entry leaves its driver object behind; it goes, so the next load can take the name. */
+        if (!m_loaded && m_driver != nullptr) {
+            HkDiscardDriver(m_driver);
+            m_driver = nullptr;
+        }
         return status;
     }
 

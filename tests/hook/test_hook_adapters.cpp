@@ -142,16 +142,40 @@ TEST_F(HookTest, MediaStateIsReadAndSetByCurrentAddress)
     EXPECT_EQ(api.Hook_SetAdapterStatus(mac, 7), STATUS_INVALID_PARAMETER);
 }
 
-TEST_F(HookTest, AnAdapterClosedWithAPacketOutLivesUntilThePacketReturns)
+/* The framework never reuses identifiers, so an adapter that comes back must keep its record. */
+TEST_F(HookTest, AnAdapterThatComesBackKeepsItsRecordAndItsIdentifier)
 {
     LoadBoth();
     PFilterAdapter adapter = OpenAdapter(1);
-    PFilterPacket packet = FrameworkApi().Hook_AllocatePacket(adapter, __FILE__, __LINE__);
-    ASSERT_NE(packet, nullptr);
-    ASSERT_EQ(NdisHookCloseAdapter(adapter), STATUS_SUCCESS);
-    EXPECT_EQ(packet->m_hAdapter->m_usMTU, 1500); /* still a valid record */
-    EXPECT_EQ(FrameworkApi().Hook_AllocatePacket(adapter, __FILE__, __LINE__), nullptr);
-    FrameworkApi().Hook_FreePacket(packet, __FILE__, __LINE__);
+    ULONG id = 0;
+    ASSERT_EQ(Filter_AdapterToId(adapter, &id), FILTER_STATUS_SUCCESS);
+    /* Kept out over every close, the packet also keeps a new record from landing at the old address. */
+    PFilterPacket kept = FrameworkApi().Hook_AllocatePacket(adapter, __FILE__, __LINE__);
+    ASSERT_NE(kept, nullptr);
+    const std::vector<UCHAR> frame = hooktest::Frame(60);
+
+    for (int round = 0; round < 40; round++) {
+        ASSERT_EQ(NdisHookCloseAdapter(adapter), STATUS_SUCCESS);
+        EXPECT_EQ(FrameworkApi().Hook_AllocatePacket(adapter, __FILE__, __LINE__), nullptr);
+        EXPECT_EQ(kept->m_hAdapter->m_usMTU, 1500); /* a closed adapter's record is still valid */
+        ASSERT_EQ(NdisHookOpenAdapter(&m_specs[0]->setup), adapter) << "round " << round;
+        ULONG again = 0;
+        PFilterAdapter found = nullptr;
+        ASSERT_EQ(Filter_AdapterToId(adapter, &again), FILTER_STATUS_SUCCESS) << "round " << round;
+        EXPECT_EQ(again, id);
+        ASSERT_EQ(Filter_IdToAdapter(id, &found), FILTER_STATUS_SUCCESS);
+        EXPECT_EQ(found, adapter);
+        ASSERT_EQ(NdisHookReceiveFrame(adapter, frame.data(), (ULONG)frame.size(), nullptr), STATUS_SUCCESS);
+    }
+    /* Open now, the same device name is refused; each close took the recorded frames with it. */
+    EXPECT_EQ(NdisHookOpenAdapter(&m_specs[0]->setup), nullptr);
+    EXPECT_EQ(ndishook::DeliveredFrames(adapter, FILTER_DIRECTION_TO_PROTOCOL), std::vector<std::vector<UCHAR>>{frame});
+    EXPECT_EQ(g_pGlobal->m_AdapterList.m_nAdapterCount, 1u);
+
+    ULONG other = 0;
+    ASSERT_EQ(Filter_AdapterToId(OpenAdapter(2), &other), FILTER_STATUS_SUCCESS);
+    EXPECT_EQ(other, id + 1);
+    FrameworkApi().Hook_FreePacket(kept, __FILE__, __LINE__);
     EXPECT_EQ(NdisHookPacketsOutstanding(), 0);
 }
 

@@ -182,9 +182,18 @@ TEST_F(HookPackets, InjectedFramesAreRecordedPerAdapterAndDirectionInOrder)
               (std::vector<std::vector<UCHAR>>{frames[1]}));
     EXPECT_EQ(NdisHookDeliveredCount(adapter, FILTER_DIRECTION_TO_PROTOCOL), 0u);
 
-    NdisHookClearDelivered(adapter);
-    EXPECT_EQ(NdisHookDeliveredCount(adapter, FILTER_DIRECTION_TO_ADAPTER), 0u);
-    EXPECT_EQ(NdisHookDeliveredCount(other, FILTER_DIRECTION_TO_PROTOCOL), 1u);
+    /* Taking the oldest frame leaves the rest; clearing forgets one adapter's frames. */
+    UCHAR small[10];
+    ULONG length = 0;
+    EXPECT_EQ(NdisHookTakeDelivered(adapter, FILTER_DIRECTION_TO_ADAPTER, small, sizeof small, &length),
+              STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(length, 60u);
+    EXPECT_EQ(ndishook::TakeDeliveredFrames(adapter, FILTER_DIRECTION_TO_ADAPTER),
+              (std::vector<std::vector<UCHAR>>{frames[0], frames[2]}));
+    EXPECT_EQ(NdisHookTakeDelivered(adapter, FILTER_DIRECTION_TO_ADAPTER, small, sizeof small, &length),
+              STATUS_NOT_FOUND);
+    NdisHookClearDelivered(other);
+    EXPECT_EQ(NdisHookDeliveredCount(other, FILTER_DIRECTION_TO_PROTOCOL), 0u);
 }
 
 TEST_F(HookPackets, AnInjectedPacketCarriesItsBufferChainUnlessItsDataIsDirty)
