@@ -109,8 +109,11 @@ typedef LARGE_INTEGER PHYSICAL_ADDRESS, *PPHYSICAL_ADDRESS;
 
 /* ---- record helpers ---- */
 #define FIELD_OFFSET(type, field) ((LONG)offsetof(type, field))
+/* The field's offset comes from the compiler, not from a member access through
+ * a null pointer: that form is undefined behaviour, and clang's
+ * UndefinedBehaviorSanitizer reports it on every list walk. */
 #define CONTAINING_RECORD(address, type, field) \
-    ((type *)((PCHAR)(address) - (ULONG_PTR)(&((type *)0)->field)))
+    ((type *)((PCHAR)(address) - __builtin_offsetof(type, field)))
 #define RTL_NUMBER_OF(a) (sizeof(a) / sizeof((a)[0]))
 #define ARRAYSIZE(a) RTL_NUMBER_OF(a)
 #define RTL_FIELD_SIZE(type, field) (sizeof(((type *)0)->field))
