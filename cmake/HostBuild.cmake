@@ -4,6 +4,16 @@
 add_compile_options(-fshort-wchar)
 
 option(NF_SANITIZE "Build with AddressSanitizer and UndefinedBehaviorSanitizer" OFF)
+option(NF_FUZZ "Build the libFuzzer harnesses of fuzz/ and only what they load (clang)" OFF)
+if(NF_FUZZ)
+    if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang" OR NOT CMAKE_C_COMPILER_ID STREQUAL "Clang")
+        message(FATAL_ERROR "NF_FUZZ needs clang: -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++")
+    endif()
+    # Coverage for libFuzzer in every library and driver image; the harnesses
+    # themselves link libFuzzer's main (fuzz/CMakeLists.txt).
+    add_compile_options(-fsanitize=fuzzer-no-link)
+    set(NF_SANITIZE ON)
+endif()
 if(NF_SANITIZE)
     add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
     add_link_options(-fsanitize=address,undefined)
