@@ -3,7 +3,9 @@
  * bad: its own drivers, filters, memory blocks and the adapters, records it
  * freed earlier in the input, records of another type, NULL, and pointers
  * into readable memory that is no record (a buffer of the input's bytes, code,
- * a constant string). Packets are always real ones: a packet has no tag.
+ * a constant string). Forged handles are aligned as records are: an x64
+ * kernel reads a misaligned tag just as well, but the sanitizer would report
+ * every one. Packets are always real ones: a packet has no tag.
  *
  * Every input registers two client drivers and takes back what is left of
  * them at its end. The forged buffer never holds a record tag, so the only
@@ -28,7 +30,7 @@ const ULONG Tags[] = {FILTER_DRIVER_TAG,   FILTER_EVENT_HANDLER_TAG, FILTER_PACK
                       FILTER_INTERFACE_REF_TAG, FILTER_LOG_LOOKASIDE_TAG, FILTER_MEMORY_TAG, FILTER_TIMER_TAG,
                       FILTER_IOCTL_HANDLER_TAG, FILTER_IF_EVENT_HANDLER_TAG, FILTER_ADAPTER_TAG,
                       FILTER_NDIS_REQUEST_TAG};
-const char ConstantText[] = "not a record, not a record, not a record, not a record, not a record";
+alignas(8) const char ConstantText[] = "not a record, not a record, not a record, not a record, not a record";
 
 /* Room for any record read at a forged address: the buffer goes on at least this far behind it,
  * and starts this far before it (Filter_FreeMemory looks at the header in front of a block). */
@@ -105,11 +107,11 @@ PVOID Handle(nffuzz::Input &in, Records &records, PFilterPacket packet)
     case 7:
         return Element(in, records.Freed);
     case 8:
-        return g_forged + HeaderRoom + in.U16() % (sizeof(g_forged) - RecordRoom - HeaderRoom);
+        return g_forged + HeaderRoom + (in.U16() % (sizeof(g_forged) - RecordRoom - HeaderRoom) & ~7u);
     case 9:
         return (PVOID)&Verdict;
     case 10:
-        return (PVOID)(ConstantText + HeaderRoom + in.Byte() % 16);
+        return (PVOID)(ConstantText + HeaderRoom + (in.Byte() & 8));
     default:
         return packet;
     }
@@ -120,7 +122,8 @@ void Forge(nffuzz::Input &in)
 {
     const size_t offset = in.U16() % sizeof(g_forged);
     std::vector<UCHAR> bytes = in.Bytes(in.Byte());
-    memcpy(g_forged + offset, bytes.data(), std::min(bytes.size(), sizeof(g_forged) - offset));
+    if (!bytes.empty())
+        memcpy(g_forged + offset, bytes.data(), std::min(bytes.size(), sizeof(g_forged) - offset));
     for (size_t i = 0; i + 4 <= sizeof(g_forged); i++) {
         ULONG word;
         memcpy(&word, g_forged + i, 4);

@@ -51,7 +51,7 @@ const ULONG KnownCodes[] = {
     IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK,
 };
 
-/* Codes the hook driver claims (one answers more than most outputs hold). */
+/* Codes the hook driver claims, with each transfer type (one answers more than most outputs hold). */
 const ULONG HookAnswered = NDISFILTER_CTL_CODE(0xA00);
 const ULONG HookOverflow = NDISFILTER_CTL_CODE(0xA01);
 
@@ -93,9 +93,10 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     nffuzz::LoadStack(nffuzz::StackOptions());
     static const UCHAR answer[600] = {1, 2, 3, 4};
-    if (!NT_SUCCESS(NdisHookClaimIoControl(HookAnswered, STATUS_SUCCESS, answer, sizeof(answer))) ||
-        !NT_SUCCESS(NdisHookClaimIoControl(HookOverflow, STATUS_BUFFER_OVERFLOW, answer, 24)))
-        nffuzz::Fail("the hook driver did not take the control codes");
+    for (ULONG method = METHOD_BUFFERED; method <= METHOD_NEITHER; method++)
+        if (!NT_SUCCESS(NdisHookClaimIoControl(HookAnswered | method, STATUS_SUCCESS, answer, sizeof(answer))) ||
+            !NT_SUCCESS(NdisHookClaimIoControl(HookOverflow | method, STATUS_BUFFER_OVERFLOW, answer, 24)))
+            nffuzz::Fail("the hook driver did not take the control codes");
     return 0;
 }
 

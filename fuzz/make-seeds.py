@@ -93,7 +93,7 @@ def shared_area_seeds(frames):
           WRITE_SHARE + sleep(2))
 
 
-# ---- frames: flags (bit 0 send, bit 1 second adapter, bit 2 layout), [layout], length U16, bytes ----
+# ---- frames: flags (bit 0 send, bit 1 second adapter, bit 2 layout), API byte, [layout], length U16, bytes ----
 def read_pcap(path):
     data = open(path, "rb").read()
     offset, frames = 24, []
@@ -133,19 +133,23 @@ def pick_frames(pcap):
     return kinds
 
 
-def frame_record(frame, send, adapter=0, layout=None):
+API_NONE, API_READ_PARSE, API_CHECKSUMS, API_MODIFY_CLONE = 0x00, 0x03, 0x0E, 0xC1
+
+
+def frame_record(frame, send, adapter=0, layout=None, api=API_NONE):
     flags = (1 if send else 0) | (2 if adapter else 0) | (4 if layout else 0)
-    data = bytes([flags])
+    data = bytes([flags, api])
     if layout:
         data += u16(layout[0]) + u16(layout[1]) + u16(layout[2])
     return data + u16(len(frame)) + frame
 
 
 def frames_seeds(kinds):
+    apis = {"icmp-echo": 0x1E, "dns-query": 0x3E, "http": 0x2E, "tcp-large": API_MODIFY_CLONE}
     for name in ("arp", "icmp-echo", "icmp-reply", "dns-query", "http", "tcp-large"):
         if name in kinds:
             frame, sent = kinds[name]
-            write("frames", name, frame_record(frame, sent))
+            write("frames", name, frame_record(frame, sent, api=apis.get(name, API_READ_PARSE)))
     frame, sent = kinds["http"]
     write("frames", "http-split", frame_record(frame, sent, adapter=1, layout=(1, 3, 20)))
     frame, sent = kinds["tcp-large"]
@@ -153,7 +157,8 @@ def frames_seeds(kinds):
     udp = bytearray(kinds["dns-query"][0])
     udp[36:38] = struct.pack(">H", 9999)  # the firewall's default rule
     write("frames", "firewall-port", frame_record(bytes(udp), False) + frame_record(bytes(udp), True))
-    write("frames", "runt-and-jumbo", frame_record(b"\x00" * 6, False) + bytes([1]) + u16(9000) + b"\xff" * 14)
+    write("frames", "runt-and-jumbo",
+          frame_record(b"\x00" * 6, False, api=0xFF) + bytes([1, API_CHECKSUMS]) + u16(9000) + b"\xff" * 14)
 
 
 # ---- handles: op byte, [packet bytes], handle bytes, arguments (see fuzz-handles.cpp) ----

@@ -210,3 +210,9 @@ std::vector<UCHAR> MakeFrame(const std::vector<UCHAR> &bytes, size_t length)
 }
 
 } // namespace nffuzz
+
+/* UndefinedBehaviorSanitizer reports with their stacks, like AddressSanitizer's. */
+extern "C" __attribute__((visibility("default"), used)) const char *__ubsan_default_options()
+{
+    return "print_stacktrace=1";
+}
