@@ -4,7 +4,9 @@
 Each seed is a short, well-formed input in its harness's format (described at
 the top of fuzz/fuzz-<harness>.cpp) that takes one ordinary path: the fuzzer
 mutates from there. The frame seeds are frames of tests/data/traffic/host-a.pcap.
-Run it again after changing an input format; the seeds are committed.
+Run it again after changing an input format; the seeds are committed. Other
+files in the corpora are inputs of fixed bugs (see fuzz/crashes/README.md),
+which this script leaves alone.
 """
 import os
 import struct
