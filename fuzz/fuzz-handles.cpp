@@ -30,7 +30,8 @@ const ULONG Tags[] = {FILTER_DRIVER_TAG,   FILTER_EVENT_HANDLER_TAG, FILTER_PACK
                       FILTER_INTERFACE_REF_TAG, FILTER_LOG_LOOKASIDE_TAG, FILTER_MEMORY_TAG, FILTER_TIMER_TAG,
                       FILTER_IOCTL_HANDLER_TAG, FILTER_IF_EVENT_HANDLER_TAG, FILTER_ADAPTER_TAG,
                       FILTER_NDIS_REQUEST_TAG};
-alignas(8) const char ConstantText[] = "not a record, not a record, not a record, not a record, not a record";
+/* Read-only memory as long as the forged buffer's room for a record. */
+alignas(8) const char ConstantText[2048] = "not a record, not a record, not a record, not a record";
 
 /* Room for any record read at a forged address: the buffer goes on at least this far behind it,
  * and starts this far before it (Filter_FreeMemory looks at the header in front of a block). */
