@@ -4,11 +4,12 @@
  * lengths, on up to two handles of \\.\NdisFilter, through CreateFile,
  * DeviceIoControl and CloseHandle as the application library calls them.
  *
- * Input: a list of steps. Step: op byte, then
- *   op % 4 == 0,1  request: handle byte, code selector byte (+ U32 when random),
+ * Input: a list of steps. Step: op byte, handle byte, then
+ *   op % 4 == 0,1  a request: code selector byte (< 0xC0 a framework code,
+ *                  < 0xE0 one the hook driver claims, else a U32 code),
  *                  method byte, input length U16, output length U16,
  *                  wait byte, input bytes
- *   op % 4 == 2    close and reopen the handle (handle byte)
+ *   op % 4 == 2    the handle closed and opened again
  *   op % 4 == 3    nothing (lets libFuzzer splice steps)
  */
 #include "fuzz-stack.h"
