@@ -41,15 +41,14 @@ const size_t HeaderRoom = 16;
 const size_t SmallestHandleBlock = 128;
 alignas(16) UCHAR g_forged[4096];
 
-FILTER_RESULT g_verdict = FILTER_RESULT_BYPASS;
-LONG g_calls;
+volatile FILTER_RESULT g_verdict = FILTER_RESULT_BYPASS;
 
 FILTER_RESULT NTAPI Verdict(PFilterDriver, PVOID, PPacketFilter, PVOID, PFilterPacket Packet)
 {
-    g_calls++;
-    if (g_verdict == FILTER_RESULT_CONSUME)
+    const FILTER_RESULT verdict = g_verdict;
+    if (verdict == FILTER_RESULT_CONSUME)
         Filter_ReleasePacket(Packet); /* consumed: the filter owns it */
-    return g_verdict;
+    return verdict;
 }
 
 BOOLEAN NTAPI CountAdapter(PVOID Context, PFilterAdapter)
