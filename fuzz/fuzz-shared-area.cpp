@@ -9,7 +9,8 @@
  *
  * Input: a list of steps, op byte first:
  *   0 bytes anywhere:   offset U32, count byte, bytes
- *   1 a header field:   field byte, value selector byte (+ U64 when raw)
+ *   1 a header field:   field byte, selector byte, then (selector < 0x80) a byte
+ *                       choosing one of the Interesting values, else a U64
  *   2 a program block:  adapter byte, direction byte, size U16, frame bytes
  *   3 WRITE_SHARE       4 READ_SHARE (one parked at a time)
  *   5 a DNS frame received on the adapter (the tap copies it up): payload byte count, bytes
