@@ -8,6 +8,9 @@
 
 #include <windows.h>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <thread>
 
 namespace {
@@ -401,4 +404,23 @@ TEST_F(SharedRings, APacketOfAnAdapterWithoutIdentifierEndsAtTheErrorLine)
     auto lines = nftest::TakeTrace();
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.back(), "Err: Filter_AdapterToId return failure.");
+}
+
+TEST_F(SharedRings, APacketThatFaultsWhileBeingCopiedLeavesTheRingUsable)
+{
+    SharedMemory *shared = (SharedMemory *)(ULONG_PTR)StartShare(m_device);
+    /* A packet record whose frame runs into a page that cannot be read. */
+    long page = sysconf(_SC_PAGESIZE);
+    PUCHAR pages = (PUCHAR)mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(pages, MAP_FAILED);
+    PFilterPacket bad = (PFilterPacket)(pages + page - FIELD_OFFSET(FilterPacket, m_Data) - 8);
+    bad->m_hAdapter = m_adapter;
+    bad->m_nPacketSize = 100;
+    mprotect(pages + page, page, PROT_NONE);
+    HkDebugClearCapture();
+    EXPECT_FALSE(NdisFilter_WriteShareMemory(bad));
+    EXPECT_GE(nftest::FindLine(nftest::TakeTrace(), "NdisFilter_WriteShareMemory: exception, code = -1073741819"), 0);
+    munmap(pages, 2 * page);
+    EXPECT_TRUE(Indicate(3)); /* the output ring's lock was given back */
+    EXPECT_EQ(shared->KernelModeOutput.m_iWrite, 1);
 }

@@ -429,7 +429,16 @@ BlockWrite WriteOutputBlock(Writer &&Write)
         if (read >= 0 && NextIndex(ring->m_iOwnIndex) != read) {
             NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, output shared blocks are not full\n", irql);
             NF_TRACE(NF_DBG_SHARED_MEMORY, "  IRQL=%d, copy packets to I/O shared memory\n", irql);
-            result = Write(BlockAt(ring, ring->m_iOwnIndex));
+            /*
+             * The writer reads a caller's packet or signal: a fault in it must
+             * not end the guard of whoever called us with this lock still held.
+             */
+            PSharedBlock block = BlockAt(ring, ring->m_iOwnIndex);
+            LONG code = FilterGuard([&] { result = Write(block); });
+            if (code != 0) {
+                NF_PRINT("NdisFilter_WriteShareMemory: exception, code = %d\n", (int)code);
+                result = WriteRefused;
+            }
             if (result == WriteRefused)
                 return result;
             if (result == BlockWritten) {
