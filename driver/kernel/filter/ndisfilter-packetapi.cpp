@@ -78,6 +78,25 @@ VOID LeaveWalkFrame(WalkFrame *Frame)
         InterlockedExchangePointer(&slot->Thread, NULL);
 }
 
+/*
+ * After a fault ended a filter procedure: the frames of walks nested inside
+ * it (deeper on this thread's stack than `Live`, so at lower addresses) were
+ * abandoned with their stack; drop them, and give back slots they leave empty.
+ */
+VOID DropAbandonedFrames(WalkFrame *Live)
+{
+    PVOID thread = KeGetCurrentThread();
+    for (ULONG i = 0; i < NF_WALK_SLOTS; i++) {
+        WalkSlot *slot = &WalkSlots[i];
+        if (slot->Thread != thread)
+            continue;
+        while (slot->Top != NULL && (ULONG_PTR)slot->Top < (ULONG_PTR)Live)
+            slot->Top = slot->Top->Outer;
+        if (slot->Top == NULL)
+            InterlockedExchangePointer(&slot->Thread, NULL);
+    }
+}
+
 } // namespace
 
 /* Marks the current thread's walk frames that carry `Packet`: it has been handed on. */
@@ -173,6 +192,8 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
             BOOLEAN stop = FALSE;
             if (code != 0) {
                 NF_PRINT("  %s: exception, code = %d, pPacket=0x%p\n", Name, (int)code, (PVOID)Packet);
+                if (tracked)
+                    DropAbandonedFrames(&frame);
                 /* Handed on before the fault (or not known): the packet is where it went. */
                 if (!tracked || frame.HandedOn) {
                     consumed = TRUE;
