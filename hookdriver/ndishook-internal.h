@@ -115,6 +115,7 @@ typedef struct _NhGlobal {
     LIST_ENTRY m_Requests; /* request blocks allocated */
     PVOID m_Returned[NH_RECENTLY_RETURNED]; /* packet records taken back lately */
     ULONG m_nNextReturned;
+    LONG m_nReturning; /* taken back, not yet disposed of: still outstanding to observers */
     NhCounters m_Counters;
     NhClaim m_Claims[NH_MAX_CLAIMS];
     PNH_PACKET_OBSERVER m_pfObserver;

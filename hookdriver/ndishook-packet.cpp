@@ -73,6 +73,7 @@ BOOLEAN TakeBack(PFilterPacket Packet, PCSTR How, PCSTR File, ULONG Line)
         for (PLIST_ENTRY link = g_Hook.m_Packets.Flink; link != &g_Hook.m_Packets; link = link->Flink) {
             if (link == &NH_PRIVATE(Packet)->m_Link) {
                 RemoveEntryList(link);
+                g_Hook.m_nReturning++;
                 g_Hook.m_Returned[g_Hook.m_nNextReturned] = Packet;
                 g_Hook.m_nNextReturned = (g_Hook.m_nNextReturned + 1) % NH_RECENTLY_RETURNED;
                 return TRUE;
@@ -222,11 +223,13 @@ NDIS_STATUS Inject(PFilterAdapter Adapter, PFilterPacket Packet, ULONG Index, PC
         if (scratch != NULL)
             ExFreePoolWithTag(scratch, NH_FRAME_TAG);
     }
+    Dispose(Packet);
     {
+        /* Back only now: whoever sees it back also sees its delivery. */
         NhLock lock;
         g_Hook.m_Counters.m_nInjected++;
+        g_Hook.m_nReturning--;
     }
-    Dispose(Packet);
     return status;
 }
 
@@ -298,11 +301,12 @@ EXTERN_C VOID NTAPI NhFreePacket(PFilterPacket Packet, PCSTR File, ULONG Line)
 {
     if (!TakeBack(Packet, "Hook_FreePacket", File, Line))
         return;
+    Dispose(Packet);
     {
         NhLock lock;
         g_Hook.m_Counters.m_nFreed++;
+        g_Hook.m_nReturning--;
     }
-    Dispose(Packet);
 }
 
 /*
@@ -395,11 +399,11 @@ NTSTATUS NhIndicateFrame(PFilterAdapter Adapter, ULONG Index, const UCHAR *Frame
     return status;
 }
 
-/* NhPacketsOutstanding - packet records handed out and not yet back. */
+/* NhPacketsOutstanding - packet records handed out and not yet back (a record being taken back still counts). */
 LONG NhPacketsOutstanding(VOID)
 {
-    LONG count = 0;
     NhLock lock;
+    LONG count = g_Hook.m_nReturning;
     for (PLIST_ENTRY link = g_Hook.m_Packets.Flink; link != &g_Hook.m_Packets; link = link->Flink)
         count++;
     return count;
