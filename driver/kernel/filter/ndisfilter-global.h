@@ -48,7 +48,7 @@ C_ASSERT(sizeof(FilterLogRecord) == 1056);
 typedef struct _NfSharedRing {
     PSharedBlockRing m_pHeader; /* the header the program sees */
     PSharedBlock m_pBlocks;     /* kernel address of block 0 */
-    LONG m_iOwnIndex;           /* input ring: read index; output ring: write index */
+    volatile LONG m_iOwnIndex;  /* input ring: read index; output ring: write index (read unlocked by the parked read) */
 } NfSharedRing;
 
 typedef struct _NdisFilterDeviceExtension {
