@@ -168,7 +168,8 @@ VOID TraceAdapterName(PFilterAdapter Adapter)
  */
 EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterOpened(PFilterAdapter Adapter)
 {
-    if (!NdisFilter_EnterCallback())
+    NfCallbackScope gate;
+    if (!gate.Entered())
         return STATUS_SUCCESS;
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_AdapterOpened\n");
     if (Adapter != NULL) {
@@ -180,7 +181,6 @@ EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterOpened(PFilterAdapter Adapter)
         }
     }
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_AdapterOpened\n");
-    NdisFilter_LeaveCallback();
     return STATUS_SUCCESS;
 }
 
@@ -191,7 +191,8 @@ EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterOpened(PFilterAdapter Adapter)
  */
 EXTERN_C VOID NTAPI NdisFilter_AdapterStatusChanged(PFilterAdapter Adapter, NDIS_STATUS Status)
 {
-    if (!NdisFilter_EnterCallback())
+    NfCallbackScope gate;
+    if (!gate.Entered())
         return;
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_AdapterStatusChanged\n");
     if (Adapter != NULL) {
@@ -204,7 +205,6 @@ EXTERN_C VOID NTAPI NdisFilter_AdapterStatusChanged(PFilterAdapter Adapter, NDIS
             NF_PRINT("Unknown adapter status 0x%x\n", (unsigned)Status);
     }
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_AdapterStatusChanged\n");
-    NdisFilter_LeaveCallback();
 }
 
 /*
@@ -215,7 +215,8 @@ EXTERN_C VOID NTAPI NdisFilter_AdapterStatusChanged(PFilterAdapter Adapter, NDIS
  */
 EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterClosed(PFilterAdapter Adapter)
 {
-    if (!NdisFilter_EnterCallback())
+    NfCallbackScope gate;
+    if (!gate.Entered())
         return STATUS_SUCCESS;
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_AdapterClosed\n");
     if (Adapter != NULL) {
@@ -235,7 +236,6 @@ EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterClosed(PFilterAdapter Adapter)
         DeliverAdapterEvent("NdisFilter_AdapterClosed", FILTER_EVENT_ADAPTER_CLOSED, Adapter);
     }
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_AdapterClosed\n");
-    NdisFilter_LeaveCallback();
     return STATUS_SUCCESS;
 }
 

@@ -288,3 +288,20 @@ public:
 private:
     NfReadLock m_lock;
 };
+
+/* Holds the callback gate for as long as it lives; Entered() is FALSE once teardown has closed it. */
+class NfCallbackScope {
+public:
+    NfCallbackScope() : m_entered(NdisFilter_EnterCallback()) {}
+    ~NfCallbackScope()
+    {
+        if (m_entered)
+            NdisFilter_LeaveCallback();
+    }
+    BOOLEAN Entered() const { return m_entered; }
+    NfCallbackScope(const NfCallbackScope &) = delete;
+    NfCallbackScope &operator=(const NfCallbackScope &) = delete;
+
+private:
+    BOOLEAN m_entered;
+};

@@ -322,24 +322,24 @@ VOID FilterHookPacket(PFilterPacket Packet, ULONG Direction)
  */
 EXTERN_C VOID NTAPI NdisFilter_FilterReceivedPacket(PFilterPacket Packet)
 {
-    if (!NdisFilter_EnterCallback())
+    NfCallbackScope gate;
+    if (!gate.Entered())
         return;
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_FilterReceivedPacket\n");
     if (Packet != NULL)
         FilterHookPacket(Packet, FILTER_DIRECTION_TO_PROTOCOL);
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_FilterReceivedPacket\n");
-    NdisFilter_LeaveCallback();
 }
 
 EXTERN_C VOID NTAPI NdisFilter_FilterSendPacket(PFilterPacket Packet)
 {
-    if (!NdisFilter_EnterCallback())
+    NfCallbackScope gate;
+    if (!gate.Entered())
         return;
     NF_TRACE(NF_DBG_HOOK_PACKET, "Enter NdisFilter_FilterSendPacket\n");
     if (Packet != NULL)
         FilterHookPacket(Packet, FILTER_DIRECTION_TO_ADAPTER);
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_FilterSendPacket\n");
-    NdisFilter_LeaveCallback();
 }
 
 /* ---- entries that take a packet over ---- */
