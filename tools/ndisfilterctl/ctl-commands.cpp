@@ -18,6 +18,8 @@ const char *const ProgramName = "ndisfilterctl";
 
 /* How long `events --follow` sleeps while the queue is empty, by default. */
 const ULONG DefaultFollowIntervalMs = 200;
+/* The most events the framework keeps queued at once. */
+const ULONG MaxQueuedEvents = 1023;
 
 struct Context {
     std::vector<std::string> Args; /* the command's words after its name */
@@ -156,17 +158,19 @@ int Events(Context &c)
     if (!Ready(c))
         return ExitFailed;
     ULONG printed = 0;
+    ULONG dropped = 0; /* in a row: more than the queue can hold means the failure is not one record's */
     for (;;) {
         if (count != 0 && printed >= count)
             return ExitOk;
         nfapp::EventRecord event;
         bool got = false;
         if (!c.Device.GetEvent(event, &got)) {
-            if (c.Device.LastFailure().Kind != nfapp::ControlFailure::InternalError)
+            if (c.Device.LastFailure().Kind != nfapp::ControlFailure::InternalError || ++dropped > MaxQueuedEvents)
                 return Failed(c);
             c.Err << ProgramName << ": an event was dropped: the framework could not name its adapter\n";
             continue;
         }
+        dropped = 0;
         if (got) {
             FormatEvent(event, c.Out);
             ++printed;
