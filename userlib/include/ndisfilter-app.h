@@ -86,6 +86,8 @@ public:
     void Close();
 
     bool IsOpen() const { return m_device != INVALID_HANDLE_VALUE; }
+    /* The handle of the control device (INVALID_HANDLE_VALUE when not open), for the other control requests. */
+    HANDLE Device() const { return m_device; }
     bool IsStarted() const { return m_memory != nullptr; }
     /* The shared area as the program sees it (NULL without a share). */
     volatile SharedMemory *Memory() const { return m_memory; }
@@ -162,6 +164,16 @@ private:
     ChannelError m_sendError;
     ChannelError m_receiveError;
 };
+
+/*
+ * Control requests that need no share, on a device handle from
+ * SharedChannel::Device() (or any handle of \\.\NdisFilter, overlapped or
+ * not). FALSE, with `error` filled, when the request failed.
+ */
+/* START_ETHRLOG: capture files of every adapter (and of the shared rings) on the machine's drive C:. */
+bool StartCaptureLogs(HANDLE device, ChannelError &error);
+/* STOP_ETHRLOG: the capture files are completed and closed. */
+bool StopCaptureLogs(HANDLE device, ChannelError &error);
 
 /* A readable name of a SendResult. */
 const char *SendResultName(SendResult result);
