@@ -175,4 +175,92 @@ NTSTATUS IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK Desire
     return STATUS_SUCCESS;
 }
 
+// Opens a file on a drive (drive_files.cpp) or, for any other name, a device
+// as IoGetDeviceObjectPointer does, keeping the handle. IRQL == PASSIVE_LEVEL.
+NTSTATUS ZwCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                      PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes,
+                      ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
+                      ULONG EaLength)
+{
+    UNREFERENCED_PARAMETER(AllocationSize);
+    UNREFERENCED_PARAMETER(FileAttributes);
+    RequireIrqlAtMost(PASSIVE_LEVEL, "ZwCreateFile");
+    if (FileHandle == nullptr || ObjectAttributes == nullptr || ObjectAttributes->ObjectName == nullptr ||
+        IoStatusBlock == nullptr)
+        return STATUS_INVALID_PARAMETER;
+    *FileHandle = nullptr;
+    if (ObjectAttributes->RootDirectory != nullptr) {
+        VerifierError("ZwCreateFile: opens relative to a directory handle are not supported by the host runtime");
+        return STATUS_NOT_IMPLEMENTED;
+    }
+    Name path = ToName(ObjectAttributes->ObjectName);
+    char16_t letter = 0;
+    Name rest;
+    if (DrivePathOf(path, &letter, &rest)) {
+        if (EaBuffer != nullptr || EaLength != 0)
+            return STATUS_EAS_NOT_SUPPORTED;
+        return DriveCreateFile(letter, rest, FileHandle, DesiredAccess, ObjectAttributes->Attributes, IoStatusBlock,
+                               ShareAccess, CreateDisposition, CreateOptions);
+    }
+    if (EaBuffer != nullptr || EaLength != 0) {
+        VerifierError("ZwCreateFile: extended attributes for a device are not supported by the host runtime");
+        return STATUS_NOT_IMPLEMENTED;
+    }
+    bool synchronous = (CreateOptions & (FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT)) != 0;
+    PFILE_OBJECT file = nullptr;
+    NTSTATUS status = FileOpen(path, DesiredAccess, ShareAccess, synchronous, KernelMode, &file);
+    if (!NT_SUCCESS(status))
+        return status;
+    HANDLE handle = (ObjectAttributes->Attributes & OBJ_KERNEL_HANDLE) ? ObjectInsertHandle(file)
+                                                                       : ObjectInsertUserHandle(file, DesiredAccess);
+    ObfDereferenceObject(file); // the handle holds the file now
+    if (handle == nullptr)
+        return STATUS_INSUFFICIENT_RESOURCES;
+    *FileHandle = handle;
+    IoStatusBlock->Status = STATUS_SUCCESS;
+    IoStatusBlock->Information = FILE_OPENED;
+    return STATUS_SUCCESS;
+}
+
+// Writes to a file on a drive. IRQL == PASSIVE_LEVEL.
+NTSTATUS ZwWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                     PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset,
+                     PULONG Key)
+{
+    UNREFERENCED_PARAMETER(ApcContext);
+    UNREFERENCED_PARAMETER(Key);
+    RequireIrqlAtMost(PASSIVE_LEVEL, "ZwWriteFile");
+    if (IoStatusBlock == nullptr)
+        return STATUS_INVALID_PARAMETER;
+    if (ApcRoutine != nullptr) {
+        VerifierError("ZwWriteFile: APC completion is not supported by the host runtime");
+        return STATUS_NOT_IMPLEMENTED;
+    }
+    PVOID body = nullptr;
+    NTSTATUS status = ObReferenceObjectByHandle(FileHandle, 0, nullptr, KernelMode, &body, nullptr);
+    if (!NT_SUCCESS(status))
+        return status;
+    if (ObjectIsOfType(body, kDiskFileTypeName)) {
+        PVOID event = nullptr;
+        if (Event != nullptr) {
+            status = ObReferenceObjectByHandle(Event, 0, *ExEventObjectType, KernelMode, &event, nullptr);
+            if (NT_SUCCESS(status))
+                KeClearEvent(static_cast<PKEVENT>(event));
+        }
+        if (NT_SUCCESS(status))
+            status = DriveWriteFile(body, IoStatusBlock, Buffer, Length, ByteOffset);
+        if (event != nullptr) {
+            KeSetEvent(static_cast<PKEVENT>(event), IO_NO_INCREMENT, FALSE);
+            ObfDereferenceObject(event);
+        }
+    } else if (ObjectIsOfType(body, kFileTypeName)) {
+        VerifierError("ZwWriteFile: writes to a device are not supported by the host runtime");
+        status = STATUS_NOT_IMPLEMENTED;
+    } else {
+        status = STATUS_OBJECT_TYPE_MISMATCH;
+    }
+    ObfDereferenceObject(body);
+    return status;
+}
+
 } // extern "C"

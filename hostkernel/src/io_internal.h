@@ -132,6 +132,18 @@ std::string DeviceDisplayName(PDEVICE_OBJECT device);
 NTSTATUS FileOpen(const Name &path, ACCESS_MASK access, ULONG shareAccess, bool synchronous,
                   KPROCESSOR_MODE mode, PFILE_OBJECT *file);
 
+// Files on drives (drive_files.cpp). DrivePathOf: whether `path` names a file
+// on a drive ("\??\C:\..."), with its letter and the rest from the backslash
+// after the colon. The two others do ZwCreateFile's and ZwWriteFile's work for
+// such files, after the caller checked the IRQL and the handle.
+extern const char kDiskFileTypeName[];
+bool DrivePathOf(const Name &path, char16_t *letter, Name *rest);
+NTSTATUS DriveCreateFile(char16_t Letter, const Name &Rest, PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
+                         ULONG Attributes, PIO_STATUS_BLOCK IoStatusBlock, ULONG ShareAccess,
+                         ULONG CreateDisposition, ULONG CreateOptions);
+NTSTATUS DriveWriteFile(void *body, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
+                        PLARGE_INTEGER ByteOffset);
+
 // Win32 requests in flight on a file object, for CancelIoEx and for
 // GetOverlappedResult without an event. (files.cpp owns it; win32_io.cpp uses it)
 struct Win32Request;

@@ -127,6 +127,9 @@ void ReportLeaks()
     long mdls = MdlLiveCount();
     if (mdls > 0)
         VerifierError("leak: %ld MDL(s) from IoAllocateMdl were never freed", mdls);
+    ULONG files = HkOpenDriveFileCount();
+    if (files > 0)
+        VerifierError("leak: %lu file(s) opened on a drive were never closed", (unsigned long)files);
     HkPoolReportLeaks(TRUE);
 }
 

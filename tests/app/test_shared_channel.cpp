@@ -3,6 +3,7 @@
  * back the share, both rings, the parked read and the receiver loop.
  */
 #include "app_fixture.h"
+#include "ndisfilter-control.h"
 
 #include <windows.h>
 
@@ -201,3 +202,41 @@ TEST_F(SharedChannelTest, TheReceiverThreadTakesEveryBlockWhileAnotherThreadSend
 }
 
 } // namespace
+
+TEST_F(SharedChannelTest, CaptureLogsOfTheRingsHoldWhatCrossedThemInOrder)
+{
+    char pattern[] = "/tmp/nf-app-logs-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    std::string dir = pattern;
+    char saved[4096] = "";
+    HkGetDriveDirectory('C', saved, sizeof(saved));
+    ASSERT_EQ(HkSetDriveDirectory('C', dir.c_str()), STATUS_SUCCESS);
+
+    SharedChannel channel;
+    ASSERT_TRUE(channel.Open() && channel.Start());
+    nfapp::ControlDevice control;
+    ASSERT_TRUE(control.Open());
+    ASSERT_TRUE(control.StartCaptureLogs()) << control.LastFailure().Describe();
+    ASSERT_TRUE(HkWaitForWorkQueueIdle(10000));
+
+    std::vector<UCHAR> up = hooktest::Frame(60, 1), back = hooktest::Frame(100, 2), again = hooktest::Frame(70, 3);
+    ASSERT_EQ(channel.Send(m_adapterId, FILTER_DIRECTION_TO_PROTOCOL, up.data(), (ULONG)up.size()), SendResult::Sent);
+    ASSERT_EQ(channel.Send(m_adapterId, FILTER_DIRECTION_TO_APPLICATION, back.data(), (ULONG)back.size()),
+              SendResult::Sent);
+    ASSERT_EQ(channel.Send(m_adapterId, FILTER_DIRECTION_TO_APPLICATION, again.data(), (ULONG)again.size()),
+              SendResult::Sent);
+    ASSERT_EQ(ReceiveBlocks(channel, 2).size(), 2u);
+    WaitForQuiet();
+    ASSERT_TRUE(control.StopCaptureLogs()) << control.LastFailure().Describe();
+    ASSERT_TRUE(HkWaitForWorkQueueIdle(10000));
+    EXPECT_EQ(HkOpenDriveFileCount(), 0u);
+
+    auto frames = [&](const char *file) { return nftest::ReadPcap(dir + "/" + file); };
+    EXPECT_EQ(frames("Application-to-Driver-Io.eth"), (std::vector<std::vector<UCHAR>>{up, back, again}));
+    EXPECT_EQ(frames("Driver-to-Application-Io.eth"), (std::vector<std::vector<UCHAR>>{back, again}));
+    EXPECT_EQ(frames("Adapter(00-11-22-33-44-01)NdisUpper.eth"), (std::vector<std::vector<UCHAR>>{up}));
+
+    HkSetDriveDirectory('C', saved[0] != '\0' ? saved : nullptr);
+    std::string command = "rm -rf '" + dir + "'";
+    EXPECT_EQ(system(command.c_str()), 0);
+}

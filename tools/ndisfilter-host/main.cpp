@@ -23,6 +23,7 @@
 
 #include "adapters.h"
 #include "application.h"
+#include "capture-logs.h"
 #include "drivers.h"
 #include "options.h"
 #include "report.h"
@@ -127,6 +128,12 @@ void RunTraffic(const host::Options &options, host::DriverStack &drivers, Adapte
         return;
     }
 
+    /* The framework's capture logs record the whole run, the application's frames included. */
+    host::CaptureLogs logs;
+    bool logging = logs.Prepare(options.CaptureLogDir, &error) && logs.Start(&error);
+    if (!logging)
+        report->Problems.push_back(error);
+
     host::ApplicationSide application;
     report->ApplicationStarted = application.Start(&error);
     if (!report->ApplicationStarted)
@@ -147,6 +154,11 @@ void RunTraffic(const host::Options &options, host::DriverStack &drivers, Adapte
         std::snprintf(text, sizeof(text), "not drained: %d injected packets queued, %d packets out of the hook driver",
                       (int)Filter_GetInjectPacketCount(), (int)NdisHookPacketsOutstanding());
         report->Problems.push_back(text);
+    }
+
+    if (logging && !logs.Stop(&error)) {
+        report->Problems.push_back(error);
+        logging = false;
     }
 
     application.Finish();
@@ -172,6 +184,11 @@ void RunTraffic(const host::Options &options, host::DriverStack &drivers, Adapte
         std::vector<host::CapturedFrame> frames = application.Frames();
         host::StampFrames(&frames, now);
         WriteOutput(options.OutputDir, "to-application", frames, report);
+    }
+    if (logging) {
+        report->CaptureLogs = logs.Files(adapters, report->Application, &report->Problems);
+        report->CaptureLogsStarted = logs.StartedAt();
+        report->CaptureLogsStopped = logs.StoppedAt();
     }
     host::CheckAccounting(report);
 }

@@ -30,6 +30,8 @@ void PrintUsage()
                  "  --pcap FILE             capture to replay on an adapter of its own (repeatable;\n"
                  "                          default " NF_HOST_DEFAULT_CAPTURE ")\n"
                  "  --out DIR               where the output captures go (default " NF_HOST_DEFAULT_OUTPUT ")\n"
+                 "  --capture-logs DIR      drive C: of the framework, where its capture logs go\n"
+                 "                          (default the output directory's drive-c)\n"
                  "  --rules TEXT            firewall rules, e.g. \"udp dst port 9999; in icmp\" (\"\" for none)\n"
                  "  --tap-ports LIST        ports the tap copies to the application (default 53)\n"
                  "  --inject-protocol N     IP protocol the injector sends through the queues (default 1)\n"
@@ -58,6 +60,8 @@ bool ParseOptions(int argc, char **argv, Options *options, std::string *error)
             options->Captures.push_back(argv[++i]);
         } else if (arg == "--out") {
             options->OutputDir = argv[++i];
+        } else if (arg == "--capture-logs") {
+            options->CaptureLogDir = argv[++i];
         } else if (arg == "--rules") {
             options->HaveRules = true;
             options->Rules = argv[++i];
@@ -86,6 +90,8 @@ bool ParseOptions(int argc, char **argv, Options *options, std::string *error)
             return false;
         }
     }
+    if (options->CaptureLogDir.empty())
+        options->CaptureLogDir = options->OutputDir + "/drive-c";
     if (options->Captures.empty())
         options->Captures.push_back(NF_HOST_DEFAULT_CAPTURE);
     return true;

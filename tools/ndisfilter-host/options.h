@@ -9,6 +9,7 @@ namespace host {
 struct Options {
     std::vector<std::string> Captures; /* one adapter each; the default capture when none is given */
     std::string OutputDir;
+    std::string CaptureLogDir; /* drive C: of the framework, where its capture logs go; empty: OutputDir/drive-c */
     unsigned DebugMask = 0;
     bool Quiet = false;
     bool HaveRules = false; /* --rules given: the firewall gets exactly these (may be empty) */

@@ -124,6 +124,12 @@ void PrintTraffic(const RunReport &report)
         std::printf("  %s\n", line.c_str());
     for (const auto &capture : report.Captures)
         std::printf("pcap %s: %zu frames\n", capture.first.c_str(), capture.second);
+    if (!report.CaptureLogs.empty())
+        std::printf("capture logs: from %lld.%06lld to %lld.%06lld\n", (long long)(report.CaptureLogsStarted / 1000000),
+                    (long long)(report.CaptureLogsStarted % 1000000), (long long)(report.CaptureLogsStopped / 1000000),
+                    (long long)(report.CaptureLogsStopped % 1000000));
+    for (const auto &log : report.CaptureLogs)
+        std::printf("capture log %s: %zu frames\n", log.first.c_str(), log.second);
 }
 
 } // namespace

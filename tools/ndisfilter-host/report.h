@@ -27,6 +27,9 @@ struct RunReport {
     bool Drained = false;
     std::vector<std::string> Accounting;                  /* the balance lines */
     std::vector<std::pair<std::string, size_t>> Captures; /* written path, frames */
+    std::vector<std::pair<std::string, size_t>> CaptureLogs; /* the framework's capture files, frames they hold */
+    int64_t CaptureLogsStarted = 0; /* microseconds since 1970 */
+    int64_t CaptureLogsStopped = 0;
     std::vector<std::string> Problems;                    /* anything that makes the run unclean */
     std::vector<std::string> Findings;                    /* the runtime's verifier findings */
 };

@@ -10,6 +10,7 @@
 #include "precomp.h"
 #include "ndisfilter-global.h"
 #include "ndisfilter-records.h"
+#include "ndisfilter-ethrlog.h"
 
 /* Identifiers by which user mode names adapters; entries are never removed. */
 struct AdapterIdEntry {
@@ -225,13 +226,7 @@ EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterClosed(PFilterAdapter Adapter)
         /* Packets still queued for it go back to the hook driver, never to the closed adapter. */
         NdisFilter_PurgeQueuedPackets(Adapter, NULL);
         /* Capture logs of a closed adapter end with it (upper, lower, inject). */
-        LONG code = FilterGuard([&] {
-            Adapter->m_pUpperEthrLog = NULL;
-            Adapter->m_pLowerEthrLog = NULL;
-            Adapter->m_pInjectEthrLog = NULL;
-        });
-        if (code != 0)
-            NF_PRINT("NdisFilter_AdapterClosed: exception, code = %d\n", (int)code);
+        NdisFilter_CloseAdapterEthrLogs(Adapter);
         RefreshAdapterTable();
         DeliverAdapterEvent("NdisFilter_AdapterClosed", FILTER_EVENT_ADAPTER_CLOSED, Adapter);
     }

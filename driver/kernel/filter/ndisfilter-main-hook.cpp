@@ -9,6 +9,7 @@
  */
 #include "precomp.h"
 #include "ndisfilter-global.h"
+#include "ndisfilter-ethrlog.h"
 
 namespace {
 
@@ -83,6 +84,7 @@ VOID NdisFilterBindHookInterface(PNdisHookAPI Caller)
         own->m_Flags |= NDIS_HOOK_FLAG_BOUND;
         Caller->m_Flags |= NDIS_HOOK_FLAG_BOUND;
     }
+    NdisFilter_ResumeEthrLogs();
     NdisFilter_EnumOpenedAdapter();
     NF_TRACE(NF_DBG_CORE, "Leave NdisFilterBindHookInterface\n");
 }
@@ -92,6 +94,8 @@ VOID NdisFilterUnBindHookInterface(PNdisHookAPI Caller)
 {
     PNdisHookAPI own = &g_pGlobal->m_NdisHookAPI;
     NF_TRACE(NF_DBG_CORE, "Enter NdisFilterUnBindHookInterface\n");
+    /* Clones queued for the capture logs go back to the hook driver while it can take them. */
+    NdisFilter_SuspendEthrLogs();
     {
         NfWriteLock lock(&g_pGlobal->m_HookAPILock);
         own->m_Flags &= ~(ULONG)NDIS_HOOK_FLAG_BOUND;

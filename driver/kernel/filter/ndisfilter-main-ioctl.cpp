@@ -8,6 +8,7 @@
  */
 #include "precomp.h"
 #include "ndisfilter-global.h"
+#include "ndisfilter-ethrlog.h"
 
 namespace {
 
@@ -284,6 +285,14 @@ EXTERN_C NTSTATUS NTAPI NdisFilterIoControl(PDEVICE_OBJECT DeviceObject, PIRP Ir
         break;
     case IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE:
         PutSharedMemorySize(request);
+        break;
+    case IOCTL_NDIS_FILTER_START_ETHRLOG:
+        NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_START_ETHRLOG\n");
+        NdisFilter_StartEthrLog();
+        break;
+    case IOCTL_NDIS_FILTER_STOP_ETHRLOG:
+        NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_STOP_ETHRLOG\n");
+        NdisFilter_StopEthrLog();
         break;
     case IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL:
         SetCongestionControl(request);

@@ -9,6 +9,7 @@
 #include "precomp.h"
 #include "ndisfilter-global.h"
 #include "ndisfilter-records.h"
+#include "ndisfilter-ethrlog.h"
 
 /* ---- plain globals ---- */
 ULONG GlobalDebugFlag = 0;
@@ -217,6 +218,7 @@ EXTERN_C VOID NdisFilterInitialize(VOID)
     NdisInitializeReadWriteLock(&global->m_AdapterListLock);
     global->m_AdapterList.m_nAdapterCount = 0;
     NF_TRACE(NF_DBG_CORE, "  Adapter list Initialized\n");
+    NdisFilter_InitializeEthrLogs();
 
     NdisInitializeReadWriteLock(&global->m_pContextLock);
     for (ULONG slot = 0; slot < NF_CONTEXT_SLOTS; slot++)
@@ -301,6 +303,7 @@ EXTERN_C VOID NdisFilterDeInitialize(VOID)
     NdisFilter_DeleteEventQueue();
     FreeRecordList(&global->m_FilterTimerList);
     FreeRecordList(&global->m_IoCtrlHandlerList);
+    NdisFilter_CloseAllEthrLogs();
     NdisFilter_WaitForWorkItems();
 
     if (g_RegistryPath.Buffer != NULL) {

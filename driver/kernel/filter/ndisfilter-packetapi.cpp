@@ -13,6 +13,7 @@
 #include "ndisfilter-global.h"
 #include "ndisfilter-frame.h"
 #include "ndisfilter-records.h"
+#include "ndisfilter-ethrlog.h"
 
 #define NF_INJECT_WAIT_MS 10 /* bounds the delay of a packet queued between drain and reset */
 #define NF_INJECT_FROM_FILTER 0x80000000u
@@ -305,9 +306,11 @@ VOID FilterHookPacket(PFilterPacket Packet, ULONG Direction)
     Packet->m_nDirection = Direction;
     if (Direction == FILTER_DIRECTION_TO_PROTOCOL) {
         Filter_DumpPacket("/\\ Incoming Packet", Packet);
+        NdisFilter_RecordAdapterFrame(Packet->m_hAdapter, NF_ETHRLOG_LOWER, Packet);
         Filter_InvokeFilters(FILTER_TYPE_INCOMING_PACKET, Packet);
     } else {
         Filter_DumpPacket("\\/ Outgoing Packet", Packet);
+        NdisFilter_RecordAdapterFrame(Packet->m_hAdapter, NF_ETHRLOG_UPPER, Packet);
         Filter_InvokeFilters(FILTER_TYPE_OUTGOING_PACKET, Packet);
     }
 }
@@ -421,6 +424,8 @@ FILTER_STATUS DeliverToHook(PCSTR Name, PCSTR ExceptionName, PCSTR Marker, BOOLE
             Filter_ReleasePacket(Packet);
             return FILTER_ERROR_EXCEPTION;
         }
+        /* A copy for the capture log of the edge it leaves by (the adapter is open). */
+        NdisFilter_RecordAdapterFrame(Adapter, ToAdapter ? NF_ETHRLOG_LOWER : NF_ETHRLOG_UPPER, Packet);
         FILTER_STATUS status = FILTER_STATUS_SUCCESS;
         code = FilterGuard([&] {
             if (inject(Adapter, Packet) != 0)
@@ -589,6 +594,7 @@ VOID ProcessInjectedPacket(PFilterPacket Packet)
     } else if (origin == 1) {
         Filter_InitPacketHeader(Packet, NULL);
         Filter_DumpPacket(">> Injected Packet", Packet);
+        NdisFilter_RecordAdapterFrame(Packet->m_hAdapter, NF_ETHRLOG_INJECT, Packet);
         switch (Packet->m_nDirection) {
         case FILTER_DIRECTION_TO_ADAPTER:
             Filter_InvokeFilters(FILTER_TYPE_INJECT_TO_ADAPTER, Packet);

@@ -7,6 +7,7 @@
  */
 #include "precomp.h"
 #include "ndisfilter-global.h"
+#include "ndisfilter-ethrlog.h"
 
 #define NF_MAPPED_MEMORY_POOL_TAG 0x4D70614D /* "MapM" */
 
@@ -392,6 +393,8 @@ EXTERN_C PFilterPacket NdisFilter_ReadShareMemory(VOID)
             }
         }
     }
+    if (packet != NULL)
+        NdisFilter_RecordChannelFrame(FALSE, packet);
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_ReadShareMemory(), IRQL=%d, return 0x%p\n", irql, (PVOID)packet);
     return packet;
 }
@@ -483,6 +486,8 @@ EXTERN_C BOOLEAN NdisFilter_WriteShareMemory(PFilterPacket Packet)
         RtlCopyMemory(Block->m_Frame, Packet->m_Data, Packet->m_nPacketSize);
         return BlockWritten;
     });
+    if (result == BlockWritten)
+        NdisFilter_RecordChannelFrame(TRUE, Packet);
     if (result != WriteRefused)
         NF_TRACE(NF_DBG_SHARED_MEMORY, "Leave NdisFilter_WriteShareMemory(), success, IRQL=%d\n", KeGetCurrentIrql());
     return result == BlockWritten;

@@ -52,6 +52,23 @@ PDEVICE_OBJECT HkFindDevice(const char *name);
 /* Whether the symbolic link `name` ("\DosDevices\X" or "\??\X") exists. */
 BOOLEAN HkSymbolicLinkExists(const char *name);
 
+/*
+ * Drives of kernel file paths. ZwCreateFile("\??\C:\dir\name") opens
+ * <HostDirectory>/dir/name. Drive C: starts out mapped to the directory
+ * "drive-c" in the build directory (HK_DEFAULT_DRIVE_C_DIRECTORY); other
+ * letters are unmapped. HkSetDriveDirectory maps Drive ('A' to 'Z', either
+ * case) to HostDirectory, creating it (and its parents) when missing; NULL
+ * unmaps the drive. Files already open stay where they are.
+ * STATUS_INVALID_PARAMETER for a bad letter, STATUS_OBJECT_PATH_NOT_FOUND
+ * when the directory cannot be made.
+ */
+NTSTATUS HkSetDriveDirectory(char Drive, const char *HostDirectory);
+/* The host directory of Drive, copied (terminated) into Buffer; returns its length, 0 when
+ * the drive is unmapped or Buffer is too small. */
+SIZE_T HkGetDriveDirectory(char Drive, char *Buffer, SIZE_T BufferSize);
+/* Files opened on a drive whose last handle has not been closed yet. */
+ULONG HkOpenDriveFileCount(void);
+
 /* Number of IRPs and MDLs currently allocated (for leak checks in tests). */
 ULONG HkLiveIrpCount(void);
 ULONG HkLiveMdlCount(void);

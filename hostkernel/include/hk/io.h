@@ -445,6 +445,76 @@ struct _IO_STACK_LOCATION {
 
 typedef VOID (*PIO_APC_ROUTINE)(PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, ULONG Reserved);
 
+/* ---- files ---- */
+#ifndef STATUS_DISK_FULL
+#define STATUS_DISK_FULL               ((NTSTATUS)0xC000007F)
+#endif
+#ifndef STATUS_EAS_NOT_SUPPORTED
+#define STATUS_EAS_NOT_SUPPORTED       ((NTSTATUS)0xC000004F)
+#endif
+#ifndef STATUS_FILE_IS_A_DIRECTORY
+#define STATUS_FILE_IS_A_DIRECTORY     ((NTSTATUS)0xC00000BA)
+#endif
+#ifndef STATUS_NOT_A_DIRECTORY
+#define STATUS_NOT_A_DIRECTORY         ((NTSTATUS)0xC0000103)
+#endif
+
+/* Create dispositions, and what IoStatusBlock->Information reports of them. */
+#define FILE_SUPERSEDE           0x00000000
+#define FILE_OPEN                0x00000001
+#define FILE_CREATE              0x00000002
+#define FILE_OPEN_IF             0x00000003
+#define FILE_OVERWRITE           0x00000004
+#define FILE_OVERWRITE_IF        0x00000005
+#define FILE_MAXIMUM_DISPOSITION 0x00000005
+#define FILE_SUPERSEDED          0x00000000
+#define FILE_OPENED              0x00000001
+#define FILE_CREATED             0x00000002
+#define FILE_OVERWRITTEN         0x00000003
+#define FILE_EXISTS              0x00000004
+#define FILE_DOES_NOT_EXIST      0x00000005
+
+/* Create options. */
+#define FILE_DIRECTORY_FILE            0x00000001
+#define FILE_WRITE_THROUGH             0x00000002
+#define FILE_SEQUENTIAL_ONLY           0x00000004
+#define FILE_NO_INTERMEDIATE_BUFFERING 0x00000008
+#define FILE_SYNCHRONOUS_IO_ALERT      0x00000010
+#define FILE_SYNCHRONOUS_IO_NONALERT   0x00000020
+#define FILE_NON_DIRECTORY_FILE        0x00000040
+#define FILE_RANDOM_ACCESS             0x00000800
+
+#ifndef FILE_ATTRIBUTE_NORMAL
+#define FILE_ATTRIBUTE_NORMAL     0x00000080
+#endif
+
+/* ByteOffset values of ZwWriteFile (with HighPart -1). */
+#define FILE_WRITE_TO_END_OF_FILE      0xffffffff
+#define FILE_USE_FILE_POINTER_POSITION 0xfffffffe
+
+/*
+ * Opens or creates a file. Paths on a drive ("\??\C:\dir\name", also spelt
+ * "\DosDevices\C:\..." or "\GLOBAL??\C:\...") are files in the host directory
+ * the host program mapped to that drive (hostkernel.h, HkSetDriveDirectory);
+ * other names open a device as IoGetDeviceObjectPointer does. Dispositions,
+ * share access, FILE_SYNCHRONOUS_IO_* and the Information values are those of
+ * Windows. OBJ_KERNEL_HANDLE gives a kernel handle. IRQL == PASSIVE_LEVEL.
+ */
+NTSTATUS ZwCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                      PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes,
+                      ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
+                      ULONG EaLength);
+/*
+ * Writes Length bytes to a file opened on a drive: at *ByteOffset, at the end
+ * (FILE_WRITE_TO_END_OF_FILE), or, for a synchronous file, at its current
+ * position (ByteOffset NULL or FILE_USE_FILE_POINTER_POSITION), which then
+ * advances. Completes before it returns; Event, when given, is set.
+ * IRQL == PASSIVE_LEVEL.
+ */
+NTSTATUS ZwWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                     PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset,
+                     PULONG Key);
+
 /*
  * An I/O request packet. Its StackCount stack locations follow it in memory;
  * CurrentLocation counts from StackCount + 1 (no driver owns it yet) down to 1.
