@@ -17,9 +17,10 @@
 
 namespace {
 
+/* The block address, computed on integers: a handle of 24 gives a NULL block, which is tested. */
 PVOID BlockOf(PFilterNdisRequest Request)
 {
-    return (PUCHAR)Request - NF_REQUEST_HANDLE_OFFSET;
+    return (PVOID)((ULONG_PTR)Request - NF_REQUEST_HANDLE_OFFSET);
 }
 
 } // namespace
@@ -75,9 +76,9 @@ EXTERN_C BOOLEAN NTAPI Filter_IsValidNdisRequest(PFilterNdisRequest Request)
         NF_PRINT("Filter_IsValidNdisRequest: Invalid Handle 0x%p, NULL pointer\n", (PVOID)Request);
         return FALSE;
     }
-    PUCHAR block = (PUCHAR)BlockOf(Request);
+    ULONG_PTR block = (ULONG_PTR)BlockOf(Request);
     ULONG tag = 0xFFFFFFFF;
-    if (block != NULL) {
+    if (block != 0) {
         LONG code = FilterGuard([&] { tag = *(const volatile ULONG *)(block + NF_REQUEST_TAG_OFFSET); });
         if (code != 0) {
             NF_PRINT("Filter_IsValidNdisRequest: exception, code = %d\n", (int)code);
