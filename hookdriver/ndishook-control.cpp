@@ -198,6 +198,12 @@ ULONG NdisHookPendingRequests(VOID)
     return g_Hook.m_bLoaded ? NhPendingRequestCount() : 0;
 }
 
+VOID NdisHookHoldPendingRequests(BOOLEAN Hold)
+{
+    if (g_Hook.m_bLoaded)
+        NhHoldPendingRequests(Hold);
+}
+
 VOID NdisHookGetStatistics(PNDIS_HOOK_STATISTICS Statistics)
 {
     NhCounters counters = {};

@@ -126,6 +126,7 @@ typedef struct _NhGlobal {
     NDIS_TIMER m_RequestTimer;    /* completes the pending requests, as a miniport's DPC would */
     BOOLEAN m_bRequestTimerSet;
     BOOLEAN m_bStopRequests;      /* unloading: nothing pends any more */
+    BOOLEAN m_bHoldRequests;      /* the host holds pending requests back */
     volatile LONG m_nRequestTimerRuns;
     PVOID m_Returned[NH_RECENTLY_RETURNED]; /* packet records taken back lately */
     ULONG m_nNextReturned;
@@ -257,6 +258,8 @@ VOID NhSetPacketObserver(PNH_PACKET_OBSERVER Observer, PVOID Context);
 VOID NhInitializeRequests(VOID);
 /* Requests made and not completed yet. */
 ULONG NhPendingRequestCount(VOID);
+/* Holds pending requests back (TRUE) or lets them complete (FALSE). */
+VOID NhHoldPendingRequests(BOOLEAN Hold);
 /* Reports and frees request blocks still allocated, and the claims (at unload). */
 VOID NhReclaimRequests(VOID);
 NTSTATUS NhClaimIoControl(ULONG Code, NTSTATUS Status, const VOID *Data, ULONG Length);

@@ -225,7 +225,7 @@ VOID NTAPI CompletePendingRequests(PVOID, PVOID, PVOID, PVOID)
         Completion done;
         {
             NhLock lock;
-            if (IsListEmpty(&g_Hook.m_PendingRequests))
+            if (IsListEmpty(&g_Hook.m_PendingRequests) || (g_Hook.m_bHoldRequests && !g_Hook.m_bStopRequests))
                 break;
             PNhRequest request = CONTAINING_RECORD(RemoveHeadList(&g_Hook.m_PendingRequests), NhRequest,
                                                    m_PendingLink);
@@ -253,6 +253,18 @@ ULONG NhPendingRequestCount(VOID)
     for (PLIST_ENTRY link = g_Hook.m_PendingRequests.Flink; link != &g_Hook.m_PendingRequests; link = link->Flink)
         count++;
     return count;
+}
+
+/* NhHoldPendingRequests - while held, pending requests stay pending; released, they complete. */
+VOID NhHoldPendingRequests(BOOLEAN Hold)
+{
+    NhLock lock;
+    g_Hook.m_bHoldRequests = Hold;
+    if (!Hold && !g_Hook.m_bStopRequests && !g_Hook.m_bRequestTimerSet &&
+        !IsListEmpty(&g_Hook.m_PendingRequests)) {
+        g_Hook.m_bRequestTimerSet = TRUE;
+        NdisSetTimer(&g_Hook.m_RequestTimer, 1);
+    }
 }
 
 /*

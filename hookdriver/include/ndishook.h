@@ -212,6 +212,8 @@ typedef struct _NDIS_HOOK_STATISTICS {
 LONG NdisHookPacketsOutstanding(VOID);
 /* NDIS requests made and not completed yet. */
 ULONG NdisHookPendingRequests(VOID);
+/* TRUE holds requests that pend back (they stay pending); FALSE lets them complete. */
+VOID NdisHookHoldPendingRequests(BOOLEAN Hold);
 VOID NdisHookGetStatistics(PNDIS_HOOK_STATISTICS Statistics);
 
 /* Makes Hook_HandleIoControl answer Code with Status and the Length bytes of Output (copied);
