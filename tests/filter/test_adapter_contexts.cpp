@@ -11,26 +11,15 @@
 
 namespace {
 
-struct Seen {
-    PFilterDriver driver;
-    PVOID driverContext;
-    ULONG event;
-    PFilterAdapter adapter;
-    KIRQL irql;
-    bool locked;
-    bool operator==(const Seen &o) const
-    {
-        return std::tie(driver, driverContext, event, adapter, irql, locked) ==
-               std::tie(o.driver, o.driverContext, o.event, o.adapter, o.irql, o.locked);
-    }
-};
+/* driver, its context, event, adapter, IRQL, whether the handler list's lock was held */
+using Seen = std::tuple<PFilterDriver, PVOID, ULONG, PFilterAdapter, KIRQL, bool>;
 
 std::vector<Seen> g_seen;
 
 VOID NTAPI Record(PFilterDriver driver, PVOID driverContext, ULONG event, PVOID, PFilterAdapter adapter)
 {
     bool locked = *(volatile ULONG_PTR *)&g_pGlobal->m_EventHandlerLock != 0;
-    g_seen.push_back({driver, driverContext, event, adapter, KeGetCurrentIrql(), locked});
+    g_seen.emplace_back(driver, driverContext, event, adapter, KeGetCurrentIrql(), locked);
 }
 
 VOID NTAPI Ignore(PFilterDriver, PVOID, ULONG, PVOID, PFilterAdapter) {}
@@ -139,8 +128,8 @@ TEST_F(AdapterContexts, HandlersHearEveryEventInRegistrationOrderAtDispatchLevel
     std::vector<Seen> expected;
     for (ULONG event : {FILTER_EVENT_ADAPTER_OPENED, FILTER_EVENT_MEDIA_DISCONNECT, FILTER_EVENT_IPCONFIG_CHANGED,
                         FILTER_EVENT_ADAPTER_CLOSED}) {
-        expected.push_back({second, (PVOID)0x2222, event, adapter, DISPATCH_LEVEL, true});
-        expected.push_back({first, (PVOID)0x1111, event, adapter, DISPATCH_LEVEL, true});
+        expected.emplace_back(second, (PVOID)0x2222, event, adapter, DISPATCH_LEVEL, true);
+        expected.emplace_back(first, (PVOID)0x1111, event, adapter, DISPATCH_LEVEL, true);
     }
     EXPECT_EQ(g_seen, expected);
 
@@ -150,7 +139,7 @@ TEST_F(AdapterContexts, HandlersHearEveryEventInRegistrationOrderAtDispatchLevel
     g_seen.clear();
     OpenAdapter(2);
     ASSERT_EQ(g_seen.size(), 1u);
-    EXPECT_EQ(g_seen[0].driver, first);
+    EXPECT_EQ(std::get<0>(g_seen[0]), first);
 
     EXPECT_EQ(Filter_DeregisterEventHandler(first, h1), FILTER_STATUS_SUCCESS);
     EXPECT_EQ(Filter_DeregisterEventHandler(first, (PEventHandler)&g_seen), FILTER_ERROR_INVALID_EVENT_HANDLER);

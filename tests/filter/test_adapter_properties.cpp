@@ -48,7 +48,7 @@ protected:
         static PUCHAR pages = (PUCHAR)mmap(nullptr, 2 * sysconf(_SC_PAGESIZE), PROT_READ | PROT_WRITE,
                                            MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         mprotect(pages + sysconf(_SC_PAGESIZE), sysconf(_SC_PAGESIZE), PROT_NONE);
-        PFilterAdapter forged = (PFilterAdapter)(pages + sysconf(_SC_PAGESIZE) - sizeof(ULONG));
+        PFilterAdapter forged = (PFilterAdapter)(pages + sysconf(_SC_PAGESIZE) - sizeof(ULONG64));
         forged->m_Tag = FILTER_ADAPTER_TAG;
         return forged;
     }
