@@ -216,8 +216,8 @@ TEST_F(AdapterProperties, HookServicesMediaStateByMacAndTheTcpIpList)
     ASSERT_EQ(Filter_GetTcpIpBoundAdapters(buffer.data()), FILTER_STATUS_SUCCESS);
     EXPECT_EQ(*(PULONG)buffer.data(), 2u);
     PAdapterInfo entries = (PAdapterInfo)(buffer.data() + 4);
-    EXPECT_EQ(entries[0].m_hAdapter, adapter);
-    EXPECT_EQ(entries[1].m_hAdapter, second);
+    EXPECT_EQ((PFilterAdapter)entries[0].m_hAdapter, adapter); /* packed entries: read by value */
+    EXPECT_EQ((PFilterAdapter)entries[1].m_hAdapter, second);
     EXPECT_EQ(buffer[4 + 2 * sizeof(AdapterInfo)], 0xEE); /* nothing written behind the entries */
     EXPECT_EQ(Filter_GetTcpIpBoundAdapters(nullptr), FILTER_ERROR_INVALID_ARGUMENT);
     HkDebugClearCapture();
