@@ -74,7 +74,16 @@ VOID OpenRecord(PNhAdapter Adapter, const NhAdapterSetup *Setup)
     filter->m_bNdisWanAdapter = Setup->m_bNdisWan;
     Adapter->m_nLinkSpeed = Setup->m_nLinkSpeed != 0 ? Setup->m_nLinkSpeed : NH_DEFAULT_LINK_SPEED;
     CopyName(Adapter->m_szName, sizeof(Adapter->m_szName), Setup->m_pszName);
+    if (Setup->m_pIPConfig != NULL) {
+        RtlCopyMemory(&filter->m_IPConfig, Setup->m_pIPConfig, sizeof(IPConfig));
+        filter->m_IPConfig.hAdapter = filter;
+    }
     FreeDeliveries(Adapter);
+    Adapter->m_nFramesOk[NH_TO_PROTOCOL] = 0;
+    Adapter->m_nFramesOk[NH_TO_ADAPTER] = 0;
+    Adapter->m_nPacketFilter = 0;
+    Adapter->m_nLookahead = NH_DEFAULT_LOOKAHEAD;
+    Adapter->m_nMulticast = 0;
     Adapter->m_bOpen = TRUE;
 }
 
@@ -366,6 +375,7 @@ VOID NhRecordDelivery(PNhAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG
     NhLock lock;
     InsertTailList(&Adapter->m_Delivered[Index], &delivery->m_Link);
     Adapter->m_nDelivered[Index]++;
+    Adapter->m_nFramesOk[Index]++;
 }
 
 /* NhDeliveredCount - frames recorded for an open adapter in one direction. */

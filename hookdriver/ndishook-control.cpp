@@ -113,6 +113,7 @@ PFilterAdapter NdisHookOpenAdapter(const NDIS_HOOK_ADAPTER_SETUP *Setup)
     setup.m_bNdisWan = Setup->NdisWan;
     setup.m_bConnected = !Setup->Disconnected;
     setup.m_nLinkSpeed = Setup->LinkSpeed;
+    setup.m_pIPConfig = Setup->IpConfig;
     PNhAdapter adapter = NhOpenAdapter(&setup);
     return adapter != nullptr ? &adapter->m_Filter : nullptr;
 }
@@ -190,6 +191,17 @@ VOID NdisHookClearDelivered(PFilterAdapter Adapter)
 LONG NdisHookPacketsOutstanding(VOID)
 {
     return g_Hook.m_bLoaded ? NhPacketsOutstanding() : 0;
+}
+
+ULONG NdisHookPendingRequests(VOID)
+{
+    return g_Hook.m_bLoaded ? NhPendingRequestCount() : 0;
+}
+
+VOID NdisHookHoldPendingRequests(BOOLEAN Hold)
+{
+    if (g_Hook.m_bLoaded)
+        NhHoldPendingRequests(Hold);
 }
 
 VOID NdisHookGetStatistics(PNDIS_HOOK_STATISTICS Statistics)

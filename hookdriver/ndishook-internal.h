@@ -32,6 +32,9 @@
 #define NH_MAX_CLAIMS 8
 #define NH_RECENTLY_RETURNED 64
 #define NH_DEFAULT_LINK_SPEED 1000000 /* 100 Mbit/s in units of 100 bit/s */
+#define NH_MULTICAST_LIST_SIZE 32       /* addresses an adapter filters on */
+#define NH_DEFAULT_LOOKAHEAD 128
+#define NH_ETHERNET_HEADER 14
 
 /* Indexes of the two delivery directions. */
 #define NH_TO_PROTOCOL 0
@@ -60,6 +63,12 @@ typedef struct _NhAdapter {
     WCHAR m_wszDeviceName[NH_ADAPTER_NAME_CHARS]; /* behind m_Filter.m_AdapterName */
     LIST_ENTRY m_Delivered[2]; /* NhDelivery, by NH_TO_PROTOCOL / NH_TO_ADAPTER */
     ULONG m_nDelivered[2];
+    /* what the miniport answers to NDIS requests; reset when the adapter opens */
+    ULONG64 m_nFramesOk[2]; /* by NH_TO_PROTOCOL (received) / NH_TO_ADAPTER (sent) */
+    ULONG m_nPacketFilter;
+    ULONG m_nLookahead;
+    ULONG m_nMulticast;
+    UCHAR m_Multicast[NH_MULTICAST_LIST_SIZE][6];
 } NhAdapter, *PNhAdapter;
 
 /* Where a packet record came from. */
@@ -113,6 +122,12 @@ typedef struct _NhGlobal {
     LIST_ENTRY m_Adapters; /* every adapter record, in the order they last opened */
     LIST_ENTRY m_Packets;  /* packet records handed out */
     LIST_ENTRY m_Requests; /* request blocks allocated */
+    LIST_ENTRY m_PendingRequests; /* requests the adapters answer later */
+    NDIS_TIMER m_RequestTimer;    /* completes the pending requests, as a miniport's DPC would */
+    BOOLEAN m_bRequestTimerSet;
+    BOOLEAN m_bStopRequests;      /* unloading: nothing pends any more */
+    BOOLEAN m_bHoldRequests;      /* the host holds pending requests back */
+    volatile LONG m_nRequestTimerRuns;
     PVOID m_Returned[NH_RECENTLY_RETURNED]; /* packet records taken back lately */
     ULONG m_nNextReturned;
     LONG m_nReturning; /* taken back, not yet disposed of: still outstanding to observers */
@@ -199,6 +214,7 @@ typedef struct _NhAdapterSetup {
     BOOLEAN m_bNdisWan;
     BOOLEAN m_bConnected;
     ULONG m_nLinkSpeed;
+    const IPConfig *m_pIPConfig; /* written into the record at open (its handle set); may be NULL */
 } NhAdapterSetup;
 
 /* Opens an adapter and reports it, reusing the record of an adapter of the same device name
@@ -238,6 +254,12 @@ VOID NhQueryCounters(NhCounters *Counters);
 VOID NhSetPacketObserver(PNH_PACKET_OBSERVER Observer, PVOID Context);
 
 /* ---- requests and the rest (ndishook-request.cpp) ---- */
+/* Prepares the completion of pending requests (at entry). IRQL == PASSIVE_LEVEL. */
+VOID NhInitializeRequests(VOID);
+/* Requests made and not completed yet. */
+ULONG NhPendingRequestCount(VOID);
+/* Holds pending requests back (TRUE) or lets them complete (FALSE). */
+VOID NhHoldPendingRequests(BOOLEAN Hold);
 /* Reports and frees request blocks still allocated, and the claims (at unload). */
 VOID NhReclaimRequests(VOID);
 NTSTATUS NhClaimIoControl(ULONG Code, NTSTATUS Status, const VOID *Data, ULONG Length);

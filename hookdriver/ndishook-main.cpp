@@ -231,6 +231,7 @@ EXTERN_C NTSTATUS NTAPI NdisHookDriverEntry(PDRIVER_OBJECT DriverObject, PUNICOD
     InitializeListHead(&g_Hook.m_Packets);
     InitializeListHead(&g_Hook.m_Requests);
     PrepareRecord(&g_Hook.m_Api);
+    NhInitializeRequests();
 
     NTSTATUS status = NhInitializePackets();
     if (!NT_SUCCESS(status))

@@ -6,25 +6,30 @@
 #include "ndishook-internal.h"
 #include "include/ndishook.h"
 
+C_ASSERT(NH_MULTICAST_LIST_SIZE == NDIS_HOOK_MULTICAST_LIST_SIZE);
+
 namespace {
 
 /*
- * A request block. The framework writes its tag at offset 16 and works on
- * the NDIS_REQUEST at offset 24; everything else is the hook driver's.
+ * A request block. The framework writes its tag at offset 16 and hands its
+ * client the FilterNdisRequest at offset 24; everything else is the hook
+ * driver's.
  */
 typedef struct _NhRequest {
     ULONG m_Magic;
     ULONG m_nMade;             /* Hook_MakeNdisRequest calls */
-    PVOID m_pArgument;         /* of the last request made */
+    PVOID m_pArgument;         /* of the last request made: the completion's context */
     ULONG m_FrameworkTag;      /* written by the framework */
     ULONG m_Reserved;
-    NDIS_REQUEST m_Request;
+    FilterNdisRequest m_Client;
     LIST_ENTRY m_Link;         /* in g_Hook.m_Requests */
+    LIST_ENTRY m_PendingLink;  /* in g_Hook.m_PendingRequests while pending */
+    BOOLEAN m_bPending;
     PFilterAdapter m_hAdapter; /* of the last request made */
 } NhRequest, *PNhRequest;
 
 C_ASSERT(FIELD_OFFSET(NhRequest, m_FrameworkTag) == NDIS_HOOK_REQUEST_TAG_OFFSET);
-C_ASSERT(FIELD_OFFSET(NhRequest, m_Request) == NDIS_HOOK_REQUEST_RECORD_OFFSET);
+C_ASSERT(FIELD_OFFSET(NhRequest, m_Client) == NDIS_HOOK_REQUEST_RECORD_OFFSET);
 
 /* The live block at Block, or NULL. Caller holds the lock. */
 PNhRequest FindRequestLocked(PVOID Block)
@@ -45,30 +50,73 @@ NDIS_STATUS Answer(PNDIS_REQUEST Request, const VOID *Data, ULONG Size)
     if (Request->DATA.QUERY_INFORMATION.InformationBufferLength < Size ||
         Request->DATA.QUERY_INFORMATION.InformationBuffer == NULL)
         return NDIS_STATUS_BUFFER_TOO_SHORT;
-    RtlCopyMemory(Request->DATA.QUERY_INFORMATION.InformationBuffer, Data, Size);
+    if (Size != 0)
+        RtlCopyMemory(Request->DATA.QUERY_INFORMATION.InformationBuffer, Data, Size);
     Request->DATA.QUERY_INFORMATION.BytesWritten = Size;
     Request->DATA.QUERY_INFORMATION.BytesNeeded = 0;
     return NDIS_STATUS_SUCCESS;
 }
 
+NDIS_STATUS AnswerUlong(PNDIS_REQUEST Request, ULONG Value)
+{
+    return Answer(Request, &Value, sizeof(Value));
+}
+
+/* A counter: 64 bits when the buffer holds them, else its low 32 bits (as miniports answer). */
+NDIS_STATUS AnswerCounter(PNDIS_REQUEST Request, ULONG64 Value)
+{
+    if (Request->DATA.QUERY_INFORMATION.InformationBufferLength >= sizeof(ULONG64))
+        return Answer(Request, &Value, sizeof(Value));
+    NDIS_STATUS status = AnswerUlong(Request, (ULONG)Value);
+    if (status != NDIS_STATUS_SUCCESS)
+        Request->DATA.QUERY_INFORMATION.BytesNeeded = sizeof(ULONG64);
+    return status;
+}
+
+/* TRUE for the requests the adapter completes later: statistics and the sets it supports. */
+BOOLEAN Pends(const NDIS_REQUEST *Request)
+{
+    NDIS_OID oid = Request->DATA.QUERY_INFORMATION.Oid;
+    if (Request->RequestType == NdisRequestSetInformation)
+        return oid == OID_GEN_CURRENT_PACKET_FILTER || oid == OID_GEN_CURRENT_LOOKAHEAD ||
+               oid == OID_802_3_MULTICAST_LIST;
+    return oid == OID_GEN_XMIT_OK || oid == OID_GEN_RCV_OK;
+}
+
 /* The adapter's answer to a query; NDIS_STATUS_NOT_SUPPORTED for other OIDs. Caller holds the lock. */
 NDIS_STATUS Query(PNhAdapter Adapter, PNDIS_REQUEST Request)
 {
-    ULONG value;
+    const FilterAdapter *filter = &Adapter->m_Filter;
     switch (Request->DATA.QUERY_INFORMATION.Oid) {
     case OID_GEN_MEDIA_CONNECT_STATUS:
-        value = Adapter->m_Filter.m_nAdapterMediaState;
-        return Answer(Request, &value, sizeof(value));
-    case OID_802_3_CURRENT_ADDRESS:
-        return Answer(Request, Adapter->m_Filter.m_CurrentAddress, 6);
-    case OID_802_3_PERMANENT_ADDRESS:
-        return Answer(Request, Adapter->m_Filter.m_PermanentAddress, 6);
+        return AnswerUlong(Request, filter->m_nAdapterMediaState);
+    case OID_GEN_MEDIA_SUPPORTED:
+    case OID_GEN_MEDIA_IN_USE:
+        return AnswerUlong(Request, filter->m_nAdapterMedium);
     case OID_GEN_MAXIMUM_FRAME_SIZE:
-        value = Adapter->m_Filter.m_usMTU;
-        return Answer(Request, &value, sizeof(value));
+        return AnswerUlong(Request, filter->m_usMTU);
+    case OID_GEN_MAXIMUM_TOTAL_SIZE:
+        return AnswerUlong(Request, (ULONG)filter->m_usMTU + NH_ETHERNET_HEADER);
     case OID_GEN_LINK_SPEED:
-        value = Adapter->m_nLinkSpeed;
-        return Answer(Request, &value, sizeof(value));
+        return AnswerUlong(Request, Adapter->m_nLinkSpeed);
+    case OID_GEN_MAXIMUM_LOOKAHEAD:
+        return AnswerUlong(Request, FILTER_PACKET_DATA_SIZE);
+    case OID_GEN_CURRENT_LOOKAHEAD:
+        return AnswerUlong(Request, Adapter->m_nLookahead);
+    case OID_GEN_CURRENT_PACKET_FILTER:
+        return AnswerUlong(Request, Adapter->m_nPacketFilter);
+    case OID_GEN_XMIT_OK:
+        return AnswerCounter(Request, Adapter->m_nFramesOk[NH_TO_ADAPTER]);
+    case OID_GEN_RCV_OK:
+        return AnswerCounter(Request, Adapter->m_nFramesOk[NH_TO_PROTOCOL]);
+    case OID_802_3_CURRENT_ADDRESS:
+        return Answer(Request, filter->m_CurrentAddress, 6);
+    case OID_802_3_PERMANENT_ADDRESS:
+        return Answer(Request, filter->m_PermanentAddress, 6);
+    case OID_802_3_MULTICAST_LIST:
+        return Answer(Request, Adapter->m_Multicast, Adapter->m_nMulticast * 6);
+    case OID_802_3_MAXIMUM_LIST_SIZE:
+        return AnswerUlong(Request, NH_MULTICAST_LIST_SIZE);
     default:
         Request->DATA.QUERY_INFORMATION.BytesWritten = 0;
         Request->DATA.QUERY_INFORMATION.BytesNeeded = 0;
@@ -76,7 +124,148 @@ NDIS_STATUS Query(PNhAdapter Adapter, PNDIS_REQUEST Request)
     }
 }
 
+/* The adapter takes a setting; NDIS_STATUS_NOT_SUPPORTED for other OIDs. Caller holds the lock. */
+NDIS_STATUS Set(PNhAdapter Adapter, PNDIS_REQUEST Request)
+{
+    auto *set = &Request->DATA.SET_INFORMATION;
+    const UCHAR *data = (const UCHAR *)set->InformationBuffer;
+    UINT length = data != NULL ? set->InformationBufferLength : 0;
+    set->BytesRead = 0;
+    set->BytesNeeded = 0;
+    switch (set->Oid) {
+    case OID_GEN_CURRENT_PACKET_FILTER:
+    case OID_GEN_CURRENT_LOOKAHEAD: {
+        if (length < sizeof(ULONG)) {
+            set->BytesNeeded = sizeof(ULONG);
+            return NDIS_STATUS_INVALID_LENGTH;
+        }
+        ULONG value;
+        RtlCopyMemory(&value, data, sizeof(value));
+        if (set->Oid == OID_GEN_CURRENT_PACKET_FILTER)
+            Adapter->m_nPacketFilter = value;
+        else if (value > FILTER_PACKET_DATA_SIZE)
+            return NDIS_STATUS_INVALID_DATA;
+        else
+            Adapter->m_nLookahead = value;
+        set->BytesRead = sizeof(ULONG);
+        return NDIS_STATUS_SUCCESS;
+    }
+    case OID_802_3_MULTICAST_LIST:
+        if (length % 6 != 0) {
+            set->BytesNeeded = (length / 6 + 1) * 6;
+            return NDIS_STATUS_INVALID_LENGTH;
+        }
+        if (length / 6 > NH_MULTICAST_LIST_SIZE)
+            return NDIS_STATUS_MULTICAST_FULL;
+        if (length != 0)
+            RtlCopyMemory(Adapter->m_Multicast, data, length);
+        Adapter->m_nMulticast = length / 6;
+        set->BytesRead = length;
+        return NDIS_STATUS_SUCCESS;
+    default:
+        return NDIS_STATUS_NOT_SUPPORTED;
+    }
+}
+
+/* Carries out a request on its adapter now. Caller holds the lock. */
+NDIS_STATUS CarryOut(PNhRequest Request)
+{
+    PNhAdapter adapter = NhFindOpenAdapterLocked(Request->m_hAdapter);
+    if (adapter == NULL)
+        return NDIS_STATUS_ADAPTER_NOT_FOUND;
+    PNDIS_REQUEST ndis = &Request->m_Client.m_Request;
+    switch (ndis->RequestType) {
+    case NdisRequestQueryInformation:
+    case NdisRequestQueryStatistics:
+        return Query(adapter, ndis);
+    case NdisRequestSetInformation:
+        return Set(adapter, ndis);
+    default:
+        return NDIS_STATUS_NOT_SUPPORTED;
+    }
+}
+
+/* What a completion needs once the lock is let go. */
+struct Completion {
+    PFilterNdisRequest m_pRequest;
+    PFILTER_NDIS_REQUEST_COMPLETE m_pfComplete;
+    PVOID m_pContext;
+    NDIS_STATUS m_Status;
+};
+
+/* Records the outcome in the block and takes what its completion needs. Caller holds the lock. */
+Completion CompleteLocked(PNhRequest Request, NDIS_STATUS Status)
+{
+    Request->m_bPending = FALSE;
+    Request->m_Client.m_Status = Status;
+    Completion completion = {&Request->m_Client, Request->m_Client.m_pfComplete, Request->m_pArgument, Status};
+    return completion;
+}
+
+/* Calls the client's completion routine, without the lock. */
+VOID Deliver(const Completion &Done)
+{
+    if (Done.m_pfComplete != NULL)
+        Done.m_pfComplete(Done.m_pRequest, Done.m_Status, Done.m_pContext);
+}
+
+/*
+ * The pending requests' completion, as the miniport's DPC: each is carried
+ * out now (or aborted when the driver is unloading) and completed, oldest
+ * first. IRQL == DISPATCH_LEVEL.
+ */
+VOID NTAPI CompletePendingRequests(PVOID, PVOID, PVOID, PVOID)
+{
+    {
+        NhLock lock;
+        g_Hook.m_bRequestTimerSet = FALSE;
+        InterlockedIncrement(&g_Hook.m_nRequestTimerRuns);
+    }
+    for (;;) {
+        Completion done;
+        {
+            NhLock lock;
+            if (IsListEmpty(&g_Hook.m_PendingRequests) || (g_Hook.m_bHoldRequests && !g_Hook.m_bStopRequests))
+                break;
+            PNhRequest request = CONTAINING_RECORD(RemoveHeadList(&g_Hook.m_PendingRequests), NhRequest,
+                                                   m_PendingLink);
+            done = CompleteLocked(request, g_Hook.m_bStopRequests ? NDIS_STATUS_REQUEST_ABORTED : CarryOut(request));
+        }
+        Deliver(done);
+    }
+    InterlockedDecrement(&g_Hook.m_nRequestTimerRuns);
+}
+
 } // namespace
+
+/* NhInitializeRequests - the timer that completes pending requests. IRQL == PASSIVE_LEVEL. */
+VOID NhInitializeRequests(VOID)
+{
+    InitializeListHead(&g_Hook.m_PendingRequests);
+    NdisInitializeTimer(&g_Hook.m_RequestTimer, CompletePendingRequests, NULL);
+}
+
+/* NhPendingRequestCount - requests made and not completed yet. */
+ULONG NhPendingRequestCount(VOID)
+{
+    NhLock lock;
+    ULONG count = 0;
+    for (PLIST_ENTRY link = g_Hook.m_PendingRequests.Flink; link != &g_Hook.m_PendingRequests; link = link->Flink)
+        count++;
+    return count;
+}
+
+/* NhHoldPendingRequests - while held, pending requests stay pending; released, they complete. */
+VOID NhHoldPendingRequests(BOOLEAN Hold)
+{
+    NhLock lock;
+    g_Hook.m_bHoldRequests = Hold;
+    if (!Hold && !g_Hook.m_bStopRequests && !g_Hook.m_bRequestTimerSet &&
+        !IsListEmpty(&g_Hook.m_PendingRequests)) {
+        g_Hook.m_bRequestTimerSet = TRUE;
+        NdisSetTimer(&g_Hook.m_RequestTimer, 1);
+    }
+}
 
 /*
  * Hook_AllocateRequest - a zeroed request block (see NDIS_HOOK_REQUEST_*_OFFSET);
@@ -95,53 +284,105 @@ EXTERN_C PVOID NTAPI NhAllocateRequest(VOID)
 }
 
 /*
- * Hook_MakeNdisRequest - carries out the NDIS_REQUEST inside the block on an
- * open adapter, synchronously. Queries of the media connect status, current
- * and permanent address, maximum frame size (the MTU) and link speed are
- * answered; anything else is NDIS_STATUS_NOT_SUPPORTED. A block that is not
- * allocated is reported. IRQL <= DISPATCH_LEVEL.
+ * Hook_MakeNdisRequest - carries out the request inside the block on an open
+ * adapter as its miniport would: at once, or later for statistics and sets
+ * (NDIS_STATUS_PENDING). See ndishook.h for the OIDs. A block that is not
+ * allocated, or still pending, is reported. IRQL <= DISPATCH_LEVEL.
  */
 EXTERN_C NDIS_STATUS NTAPI NhMakeNdisRequest(PFilterAdapter Adapter, PVOID Request, PVOID Argument)
 {
-    NhLock lock;
-    PNhRequest request = FindRequestLocked(Request);
-    if (request == NULL) {
-        NhReportFinding("NdisHook: Hook_MakeNdisRequest(%p): not an allocated request block", Request);
-        return NDIS_STATUS_FAILURE;
+    Completion done;
+    {
+        NhLock lock;
+        PNhRequest request = FindRequestLocked(Request);
+        if (request == NULL || request->m_bPending) {
+            NhReportFinding("NdisHook: Hook_MakeNdisRequest(%p): %s", Request,
+                            request == NULL ? "not an allocated request block" : "the request is still pending");
+            return NDIS_STATUS_FAILURE;
+        }
+        request->m_nMade++;
+        request->m_hAdapter = Adapter;
+        request->m_pArgument = Argument;
+        request->m_Client.m_Status = NDIS_STATUS_PENDING;
+        if (!g_Hook.m_bStopRequests && NhFindOpenAdapterLocked(Adapter) != NULL &&
+            Pends(&request->m_Client.m_Request)) {
+            request->m_bPending = TRUE;
+            InsertTailList(&g_Hook.m_PendingRequests, &request->m_PendingLink);
+            if (!g_Hook.m_bRequestTimerSet) {
+                g_Hook.m_bRequestTimerSet = TRUE;
+                NdisSetTimer(&g_Hook.m_RequestTimer, 1);
+            }
+            return NDIS_STATUS_PENDING;
+        }
+        done = CompleteLocked(request, CarryOut(request));
     }
-    request->m_nMade++;
-    request->m_hAdapter = Adapter;
-    request->m_pArgument = Argument;
-    PNhAdapter adapter = NhFindOpenAdapterLocked(Adapter);
-    if (adapter == NULL)
-        return NDIS_STATUS_ADAPTER_NOT_FOUND;
-    if (request->m_Request.RequestType != NdisRequestQueryInformation &&
-        request->m_Request.RequestType != NdisRequestQueryStatistics)
-        return NDIS_STATUS_NOT_SUPPORTED;
-    return Query(adapter, &request->m_Request);
+    Deliver(done);
+    return done.m_Status;
 }
 
-/* Hook_FreeRequest - frees a block from Hook_AllocateRequest; others are reported. IRQL <= DISPATCH_LEVEL. */
+/*
+ * Hook_FreeRequest - frees a block from Hook_AllocateRequest; others are
+ * reported, and so is one still pending (it is taken off the pending list
+ * and never completed). IRQL <= DISPATCH_LEVEL.
+ */
 EXTERN_C VOID NTAPI NhFreeRequest(PVOID Request)
 {
     PNhRequest request;
+    BOOLEAN pending = FALSE;
     {
         NhLock lock;
         request = FindRequestLocked(Request);
-        if (request != NULL)
+        if (request != NULL) {
             RemoveEntryList(&request->m_Link);
+            pending = request->m_bPending;
+            if (pending)
+                RemoveEntryList(&request->m_PendingLink);
+        }
     }
     if (request == NULL) {
         NhReportFinding("NdisHook: Hook_FreeRequest(%p): not an allocated request block (freed twice?)", Request);
         return;
     }
+    if (pending)
+        NhReportFinding("NdisHook: Hook_FreeRequest(%p): the request is still pending", Request);
     request->m_Magic = 0;
     ExFreePoolWithTag(request, NH_REQUEST_TAG);
 }
 
-/* NhReclaimRequests - at unload: blocks still allocated are reported and freed; claims are dropped. */
+/*
+ * NhReclaimRequests - at unload: pending requests complete as aborted, the
+ * timer is stopped (and a run of it waited for), blocks still allocated are
+ * reported and freed, and claims are dropped. IRQL == PASSIVE_LEVEL.
+ */
 VOID NhReclaimRequests(VOID)
 {
+    {
+        NhLock lock;
+        g_Hook.m_bStopRequests = TRUE;
+    }
+    BOOLEAN cancelled = FALSE;
+    NdisCancelTimer(&g_Hook.m_RequestTimer, &cancelled);
+    if (cancelled) {
+        NhLock lock;
+        g_Hook.m_bRequestTimerSet = FALSE;
+    }
+    /* A run that fired before the cancel is let finish. */
+    for (;;) {
+        {
+            NhLock lock;
+            if (!g_Hook.m_bRequestTimerSet && g_Hook.m_nRequestTimerRuns == 0)
+                break;
+        }
+        LARGE_INTEGER interval;
+        interval.QuadPart = -10000; /* 1 ms */
+        KeDelayExecutionThread(KernelMode, FALSE, &interval);
+    }
+    /* What is still pending is aborted, as the miniport halts. */
+    KIRQL irql;
+    KeRaiseIrql(DISPATCH_LEVEL, &irql);
+    CompletePendingRequests(NULL, NULL, NULL, NULL);
+    KeLowerIrql(irql);
+
     for (;;) {
         PNhRequest request;
         {

@@ -44,12 +44,34 @@ NTSTATUS NTAPI NdisHookDriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING 
 
 /*
  * A block from Hook_AllocateRequest: the framework keeps its tag in the ULONG
- * at byte NDIS_HOOK_REQUEST_TAG_OFFSET and fills the NDIS_REQUEST at byte
- * NDIS_HOOK_REQUEST_RECORD_OFFSET; Hook_MakeNdisRequest and Hook_FreeRequest
- * take the block itself. Requests complete synchronously.
+ * at byte NDIS_HOOK_REQUEST_TAG_OFFSET and hands its client the
+ * FilterNdisRequest at byte NDIS_HOOK_REQUEST_RECORD_OFFSET;
+ * Hook_MakeNdisRequest and Hook_FreeRequest take the block itself.
+ *
+ * Hook_MakeNdisRequest(Adapter, Block, Context) answers as the adapter's
+ * miniport would. Queries of the adapter's general and 802.3 information
+ * (OID_GEN_MEDIA_CONNECT_STATUS, _MEDIA_SUPPORTED, _MEDIA_IN_USE,
+ * _MAXIMUM_FRAME_SIZE (the MTU), _MAXIMUM_TOTAL_SIZE (MTU + 14), _LINK_SPEED,
+ * _MAXIMUM_LOOKAHEAD, _CURRENT_LOOKAHEAD, _CURRENT_PACKET_FILTER,
+ * OID_802_3_CURRENT_ADDRESS, _PERMANENT_ADDRESS, _MULTICAST_LIST,
+ * _MAXIMUM_LIST_SIZE) complete at once. The counters OID_GEN_XMIT_OK and
+ * OID_GEN_RCV_OK (frames sent on the wire and indicated up since the adapter
+ * opened; 8 bytes when the buffer holds them, else 4) and the sets of
+ * OID_GEN_CURRENT_PACKET_FILTER, OID_GEN_CURRENT_LOOKAHEAD and
+ * OID_802_3_MULTICAST_LIST (at most NDIS_HOOK_MULTICAST_LIST_SIZE addresses,
+ * else NDIS_STATUS_MULTICAST_FULL) pend: they return NDIS_STATUS_PENDING and
+ * complete about a millisecond later at DISPATCH_LEVEL. Any other OID is
+ * NDIS_STATUS_NOT_SUPPORTED; a short buffer NDIS_STATUS_BUFFER_TOO_SHORT
+ * (query) or NDIS_STATUS_INVALID_LENGTH (set) with BytesNeeded; a closed
+ * adapter NDIS_STATUS_ADAPTER_NOT_FOUND. Either way the block's m_Status
+ * reads NDIS_STATUS_PENDING until completion, then the outcome, and its
+ * m_pfComplete (when set) is called once with Context. A block made again
+ * while pending, or freed while pending, is a verifier finding; at unload
+ * pending requests complete with NDIS_STATUS_REQUEST_ABORTED.
  */
 #define NDIS_HOOK_REQUEST_TAG_OFFSET 16
 #define NDIS_HOOK_REQUEST_RECORD_OFFSET 24
+#define NDIS_HOOK_MULTICAST_LIST_SIZE 32
 
 /*
  * Contract of the hook functions beyond ndisfilter.h:
@@ -102,6 +124,9 @@ typedef struct _NDIS_HOOK_ADAPTER_SETUP {
     BOOLEAN NdisWan;
     BOOLEAN Disconnected; /* the media state it opens with */
     ULONG LinkSpeed;   /* units of 100 bit/s; 0: 100 Mbit/s */
+    /* The IP configuration TCP/IP has for it, written into FilterAdapter.m_IPConfig (with its
+     * handle) when it opens; NULL leaves the record's as it was (zero at the first open). */
+    const IPConfig *IpConfig;
 } NDIS_HOOK_ADAPTER_SETUP, *PNDIS_HOOK_ADAPTER_SETUP;
 
 /* Opens an adapter; while bound the framework hears of it through Filter_AdapterOpened (and
@@ -185,6 +210,10 @@ typedef struct _NDIS_HOOK_STATISTICS {
 } NDIS_HOOK_STATISTICS, *PNDIS_HOOK_STATISTICS;
 
 LONG NdisHookPacketsOutstanding(VOID);
+/* NDIS requests made and not completed yet. */
+ULONG NdisHookPendingRequests(VOID);
+/* TRUE holds requests that pend back (they stay pending); FALSE lets them complete. */
+VOID NdisHookHoldPendingRequests(BOOLEAN Hold);
 VOID NdisHookGetStatistics(PNDIS_HOOK_STATISTICS Statistics);
 
 /* Makes Hook_HandleIoControl answer Code with Status and the Length bytes of Output (copied);

@@ -87,7 +87,7 @@ TEST_F(HookRequests, OtherOidsSetsAndClosedAdaptersAreRefused)
     EXPECT_EQ(Query(OID_GEN_VENDOR_ID, &value, sizeof value), NDIS_STATUS_NOT_SUPPORTED);
 
     request->RequestType = NdisRequestSetInformation;
-    request->DATA.SET_INFORMATION.Oid = OID_GEN_CURRENT_PACKET_FILTER;
+    request->DATA.SET_INFORMATION.Oid = OID_GEN_VENDOR_ID;
     request->DATA.SET_INFORMATION.InformationBuffer = &value;
     request->DATA.SET_INFORMATION.InformationBufferLength = sizeof value;
     EXPECT_EQ(FrameworkApi().Hook_MakeNdisRequest(adapter, block, nullptr), NDIS_STATUS_NOT_SUPPORTED);
@@ -110,6 +110,40 @@ TEST_F(HookRequests, ABlockFreedTwiceOrLeftAtUnloadIsReported)
     FrameworkApi().Hook_AllocateRequest();
     ExpectVerifierFinding finding("was still allocated at unload");
     UnloadHook();
+}
+
+TEST_F(HookRequests, PendingRequestsCompleteOnceAndArePendingUntilThen)
+{
+    static int completions;
+    completions = 0;
+    PFilterNdisRequest client = (PFilterNdisRequest)request;
+    client->m_pfComplete = [](PFilterNdisRequest, NDIS_STATUS, PVOID) { completions++; };
+    ULONG64 counter = 0;
+    NdisHookHoldPendingRequests(TRUE);
+    ASSERT_EQ(Query(OID_GEN_XMIT_OK, &counter, sizeof counter), NDIS_STATUS_PENDING);
+    EXPECT_EQ(client->m_Status, NDIS_STATUS_PENDING);
+    {
+        ExpectVerifierFinding finding("the request is still pending");
+        EXPECT_EQ(FrameworkApi().Hook_MakeNdisRequest(adapter, block, nullptr), NDIS_STATUS_FAILURE);
+    }
+    EXPECT_EQ(NdisHookPendingRequests(), 1u);
+    NdisHookHoldPendingRequests(FALSE);
+    ASSERT_TRUE(hktest::WaitUntil([&] { return client->m_Status != NDIS_STATUS_PENDING; }));
+    EXPECT_EQ(client->m_Status, NDIS_STATUS_SUCCESS);
+    EXPECT_EQ(completions, 1);
+    EXPECT_EQ(NdisHookPendingRequests(), 0u);
+
+    /* Freed while pending: reported, taken off the list, never completed. */
+    NdisHookHoldPendingRequests(TRUE);
+    ASSERT_EQ(Query(OID_GEN_RCV_OK, &counter, sizeof counter), NDIS_STATUS_PENDING);
+    {
+        ExpectVerifierFinding finding("the request is still pending");
+        FrameworkApi().Hook_FreeRequest(block);
+    }
+    block = nullptr;
+    EXPECT_EQ(NdisHookPendingRequests(), 0u);
+    NdisHookHoldPendingRequests(FALSE);
+    EXPECT_EQ(completions, 1);
 }
 
 TEST_F(HookTest, MappedPagesAliasTheKernelMemoryAtAUserAddress)

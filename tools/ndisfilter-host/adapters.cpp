@@ -51,6 +51,46 @@ bool MostFrequentSource(const std::vector<CapturedFrame> &frames, UCHAR *mac)
     return true;
 }
 
+/*
+ * The IP configuration of an adapter whose own frames carry IPv4: the most
+ * frequent source address, mask 255.255.255.0 and the network's .1 (.254
+ * when that is the adapter's own) as its router. Left zero when no own frame is IPv4.
+ */
+void GuessIpConfig(ReplayAdapter *adapter)
+{
+    const size_t SourceOffset = EthernetHeader + 12;
+    std::map<ULONG, size_t> seen;
+    for (const CapturedFrame &frame : adapter->Frames) {
+        const std::vector<UCHAR> &b = frame.Bytes;
+        if (!adapter->IsOwnFrame(frame) || b.size() < SourceOffset + 4 || b[12] != 0x08 || b[13] != 0x00)
+            continue;
+        ULONG address;
+        std::memcpy(&address, b.data() + SourceOffset, 4); /* as it lies in the packet */
+        seen[address]++;
+    }
+    ULONG best = 0;
+    size_t bestCount = 0;
+    for (const auto &entry : seen) {
+        if (entry.second > bestCount) {
+            best = entry.first;
+            bestCount = entry.second;
+        }
+    }
+    if (bestCount == 0)
+        return;
+    const UCHAR mask[4] = {255, 255, 255, 0};
+    UCHAR router[4];
+    std::memcpy(router, &best, 4);
+    router[3] = router[3] == 1 ? 254 : 1;
+    IPConfig &config = adapter->IpConfig;
+    config.m_nIP = 1;
+    config.m_IP[0].IpAddress = best;
+    std::memcpy(&config.m_IP[0].Netmask, mask, 4);
+    config.m_IP[0].Broadcast = SubnetBroadcastAddress(best, config.m_IP[0].Netmask);
+    config.m_nGW = 1;
+    std::memcpy(&config.RouterAddr[0], router, 4);
+}
+
 } // namespace
 
 bool ReplayAdapter::IsOwnFrame(const CapturedFrame &frame) const
@@ -109,6 +149,8 @@ bool OpenAdapters(Adapters &adapters, std::string *error)
         std::memcpy(setup.PermanentAddress, adapter.Mac, 6);
         setup.Mtu = 1500;
         setup.Medium = NdisMedium802_3;
+        GuessIpConfig(&adapter);
+        setup.IpConfig = adapter.IpConfig.m_nIP != 0 ? &adapter.IpConfig : nullptr;
         adapter.Handle = NdisHookOpenAdapter(&setup);
         if (adapter.Handle == nullptr) {
             *error = "the hook driver did not open an adapter for " + adapter.CapturePath;

@@ -22,6 +22,7 @@ struct ReplayAdapter {
     std::string Name; /* the capture's file name without its extension */
     std::vector<CapturedFrame> Frames;
     UCHAR Mac[6] = {0};
+    IPConfig IpConfig = {}; /* what TCP/IP has for the adapter, from its own frames */
 
     /* while open */
     std::string DeviceName;
@@ -48,7 +49,11 @@ using Adapters = std::vector<std::unique_ptr<ReplayAdapter>>;
 /* Reads each capture and picks its adapter's MAC: the most frequent source address (the first seen on a tie). */
 bool ReadCaptures(const std::vector<std::string> &paths, Adapters *adapters, std::string *error);
 
-/* Opens every adapter on the hook driver and asks the framework for its identifier. */
+/*
+ * Opens every adapter on the hook driver, with the IP configuration its own
+ * frames show (the most frequent IPv4 source address, a /24 network, its .1
+ * or .254 as router), and asks the framework for its identifier.
+ */
 bool OpenAdapters(Adapters &adapters, std::string *error);
 
 /*

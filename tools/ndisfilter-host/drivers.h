@@ -1,6 +1,6 @@
 /*
  * drivers.h - the drivers of a run: the framework, the simulated hook driver
- * (bound) and the three example clients loaded from their images, with the
+ * (bound) and the four example clients loaded from their images, with the
  * service keys filled from the options first.
  */
 #pragma once
@@ -11,6 +11,7 @@
 
 #include "example-firewall.h"
 #include "example-injector.h"
+#include "example-monitor.h"
 #include "example-tap.h"
 #include "options.h"
 
@@ -22,6 +23,7 @@ struct ClientCounters {
     EXAMPLE_FIREWALL_COUNTERS Firewall;
     EXAMPLE_INJECTOR_COUNTERS Injector;
     EXAMPLE_TAP_COUNTERS Tap;
+    EXAMPLE_MONITOR_COUNTERS Monitor;
 };
 
 class DriverStack {
@@ -49,10 +51,11 @@ private:
 
     PDRIVER_OBJECT m_framework = nullptr;
     PDRIVER_OBJECT m_hook = nullptr;
-    Client m_clients[3] = {
+    Client m_clients[4] = {
         {NF_HOST_FIREWALL_IMAGE, EXAMPLE_FIREWALL_SERVICE_NAME, nullptr},
         {NF_HOST_INJECTOR_IMAGE, EXAMPLE_INJECTOR_SERVICE_NAME, nullptr},
         {NF_HOST_TAP_IMAGE, EXAMPLE_TAP_SERVICE_NAME, nullptr},
+        {NF_HOST_MONITOR_IMAGE, EXAMPLE_MONITOR_SERVICE_NAME, nullptr},
     };
 };
 

@@ -168,6 +168,18 @@ void RunTraffic(const host::Options &options, host::DriverStack &drivers, Adapte
             report->Problems.push_back("application receiver: " + report->Application.ReceiverError);
     }
 
+    /* Each medium goes down and up once: the adapter monitor reports both and asks the counters anew. */
+    for (auto &adapter : adapters) {
+        NdisHookSetMediaConnected(adapter->Handle, FALSE);
+        NdisHookSetMediaConnected(adapter->Handle, TRUE);
+    }
+    auto requestsStart = std::chrono::steady_clock::now();
+    while (NdisHookPendingRequests() != 0 &&
+           std::chrono::steady_clock::now() - requestsStart < std::chrono::seconds(10))
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (NdisHookPendingRequests() != 0)
+        report->Problems.push_back("NDIS requests still pending on the hook driver");
+
     report->HaveCounters = drivers.ReadCounters(&report->Counters, &error);
     if (!report->HaveCounters)
         report->Problems.push_back(error);

@@ -25,7 +25,7 @@ void PrintUsage()
     std::fprintf(stderr,
                  "usage: ndisfilter-host [options]\n"
                  "Loads the framework, the simulated hook driver and the example clients (firewall,\n"
-                 "injector, tap), opens one adapter per capture, runs the user program side on the\n"
+                 "injector, tap, adapter monitor), opens one adapter per capture, runs the user program side on the\n"
                  "shared rings, replays the captures and writes what came out as pcap files.\n"
                  "  --pcap FILE             capture to replay on an adapter of its own (repeatable;\n"
                  "                          default " NF_HOST_DEFAULT_CAPTURE ")\n"

@@ -2,6 +2,7 @@
 #include "report.h"
 
 #include <cstdio>
+#include <string>
 
 namespace host {
 
@@ -9,6 +10,15 @@ namespace {
 
 const ULONG In = EXAMPLE_CHAIN_INCOMING;
 const ULONG Out = EXAMPLE_CHAIN_OUTGOING;
+
+/* An IPv4 address as it lies in a packet, in dotted form. */
+std::string IpText(ULONG address)
+{
+    const UCHAR *b = (const UCHAR *)&address;
+    char text[16];
+    std::snprintf(text, sizeof(text), "%u.%u.%u.%u", b[0], b[1], b[2], b[3]);
+    return text;
+}
 
 /* Records one balance line, and a problem when it does not balance. */
 void Balance(RunReport *report, const char *what, unsigned long long expected, unsigned long long actual)
@@ -53,6 +63,24 @@ void CheckAccounting(RunReport *report)
     Balance(report, "injector: handed back into the queue",
             (unsigned long long)c.Injector.Consumed[In] + c.Injector.Consumed[Out],
             (unsigned long long)c.Injector.Reinjected[In] + c.Injector.Reinjected[Out]);
+    /* The adapter monitor's last answers to the frame counters match what came out of each adapter. */
+    for (const auto &adapter : *report->ReplayAdapters) {
+        const EXAMPLE_MONITOR_ADAPTER *seen = nullptr;
+        for (ULONG i = 0; i < c.Monitor.AdapterCount && i < EXAMPLE_MONITOR_MAX_ADAPTERS; i++)
+            if (c.Monitor.Adapters[i].Id == adapter->Id)
+                seen = &c.Monitor.Adapters[i];
+        if (seen == nullptr) {
+            report->Problems.push_back("monitor: adapter " + std::to_string(adapter->Id) + " not seen");
+            continue;
+        }
+        std::string name = "monitor: adapter " + std::to_string(adapter->Id);
+        Balance(report, (name + ", frames sent on the wire").c_str(), adapter->ToWire.size(),
+                seen->Answers[EXAMPLE_MONITOR_XMIT_OK]);
+        Balance(report, (name + ", frames received").c_str(), adapter->ToProtocols.size(),
+                seen->Answers[EXAMPLE_MONITOR_RCV_OK]);
+        if (seen->Failed != 0)
+            report->Problems.push_back(name + ": NDIS requests failed");
+    }
     if (report->ApplicationStarted) {
         const ApplicationSide::Statistics &a = report->Application;
         Balance(report, "received by the application",
@@ -76,6 +104,9 @@ void PrintTraffic(const RunReport &report)
                     (unsigned)a.Received, (unsigned)a.Skipped);
         std::printf("  out of the framework: %zu to the wire, %zu to the protocols\n", a.ToWire.size(),
                     a.ToProtocols.size());
+        if (a.IpConfig.m_nIP != 0)
+            std::printf("  IP configuration: %s mask %s, router %s\n", IpText(a.IpConfig.m_IP[0].IpAddress).c_str(),
+                        IpText(a.IpConfig.m_IP[0].Netmask).c_str(), IpText(a.IpConfig.RouterAddr[0]).c_str());
     }
     double rate = report.ReplaySeconds > 0 ? (double)frames / report.ReplaySeconds : 0.0;
     std::printf("replay: %llu frames in %.1f ms (%.0f frames/s); queues and rings %s after %.1f ms more\n", frames,
@@ -103,6 +134,29 @@ void PrintTraffic(const RunReport &report)
         std::printf("; inspected in %u / out %u; copied to the application in %u / out %u; incomplete %u\n",
                     (unsigned)c.Tap.Inspected[In], (unsigned)c.Tap.Inspected[Out], (unsigned)c.Tap.Indicated[In],
                     (unsigned)c.Tap.Indicated[Out], (unsigned)(c.Tap.Incomplete[In] + c.Tap.Incomplete[Out]));
+    }
+
+    if (report.HaveCounters) {
+        const EXAMPLE_MONITOR_COUNTERS &m = report.Counters.Monitor;
+        std::printf("monitor: context slot %u; %u adapter events reported to the event queue\n", (unsigned)m.Slot,
+                    (unsigned)m.Reported);
+        for (ULONG i = 0; i < m.AdapterCount && i < EXAMPLE_MONITOR_MAX_ADAPTERS; i++) {
+            const EXAMPLE_MONITOR_ADAPTER &a = m.Adapters[i];
+            std::printf("  adapter %u %s: opened %u, media disconnected %u / connected %u, IP configuration %u, "
+                        "closed %u\n",
+                        (unsigned)a.Id, MacText(a.Mac).c_str(), (unsigned)a.Events[FILTER_EVENT_ADAPTER_OPENED],
+                        (unsigned)a.Events[FILTER_EVENT_MEDIA_DISCONNECT],
+                        (unsigned)a.Events[FILTER_EVENT_MEDIA_CONNECT],
+                        (unsigned)a.Events[FILTER_EVENT_IPCONFIG_CHANGED],
+                        (unsigned)a.Events[FILTER_EVENT_ADAPTER_CLOSED]);
+            std::printf("    NDIS requests: link %llu Mbit/s, MTU %llu, %llu frames sent, %llu received; "
+                        "%u answered (%u later), %u failed\n",
+                        (unsigned long long)(a.Answers[EXAMPLE_MONITOR_LINK_SPEED] / 10000),
+                        (unsigned long long)a.Answers[EXAMPLE_MONITOR_MTU],
+                        (unsigned long long)a.Answers[EXAMPLE_MONITOR_XMIT_OK],
+                        (unsigned long long)a.Answers[EXAMPLE_MONITOR_RCV_OK], (unsigned)a.Answered,
+                        (unsigned)a.Pended, (unsigned)a.Failed);
+        }
     }
 
     if (report.ApplicationStarted) {

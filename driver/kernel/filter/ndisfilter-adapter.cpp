@@ -130,14 +130,6 @@ VOID CallEventHandlers(PCSTR CallerName, ULONG Event, PFilterAdapter Adapter)
     }
 }
 
-/* Delivers one adapter event to every handler under the handler list's spin lock. */
-VOID DeliverAdapterEvent(PCSTR CallerName, ULONG Event, PFilterAdapter Adapter)
-{
-    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&g_pGlobal->m_EventHandlerLock);
-    CallEventHandlers(CallerName, Event, Adapter);
-    KeReleaseSpinLock(&g_pGlobal->m_EventHandlerLock, irql);
-}
-
 /*
  * Traces "AdapterName=<name>". The callbacks run at up to DISPATCH_LEVEL,
  * where the debug print must not convert UTF-16 itself, so the name is
@@ -163,6 +155,14 @@ VOID TraceAdapterName(PFilterAdapter Adapter)
 
 } // namespace
 
+/* Delivers one adapter event to every handler under the handler list's spin lock. */
+VOID NdisFilter_DeliverAdapterEvent(PCSTR CallerName, ULONG Event, PFilterAdapter Adapter)
+{
+    KIRQL irql = KeAcquireSpinLockRaiseToDpc(&g_pGlobal->m_EventHandlerLock);
+    CallEventHandlers(CallerName, Event, Adapter);
+    KeReleaseSpinLock(&g_pGlobal->m_EventHandlerLock, irql);
+}
+
 /*
  * NdisFilter_AdapterOpened - the hook driver opened an adapter: stamp its tag,
  * refresh the table and tell the event handlers. IRQL <= DISPATCH_LEVEL.
@@ -178,7 +178,7 @@ EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterOpened(PFilterAdapter Adapter)
         if (StampAdapter("NdisFilter_AdapterOpened", Adapter)) {
             AddOpenAdapter(Adapter);
             RefreshAdapterTable();
-            DeliverAdapterEvent("NdisFilter_AdapterOpened", FILTER_EVENT_ADAPTER_OPENED, Adapter);
+            NdisFilter_DeliverAdapterEvent("NdisFilter_AdapterOpened", FILTER_EVENT_ADAPTER_OPENED, Adapter);
         }
     }
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_AdapterOpened\n");
@@ -199,9 +199,9 @@ EXTERN_C VOID NTAPI NdisFilter_AdapterStatusChanged(PFilterAdapter Adapter, NDIS
     if (Adapter != NULL) {
         TraceAdapterName(Adapter);
         if (Status == NDIS_STATUS_MEDIA_CONNECT)
-            DeliverAdapterEvent("NdisFilter_AdapterStatusChanged", FILTER_EVENT_MEDIA_CONNECT, Adapter);
+            NdisFilter_DeliverAdapterEvent("NdisFilter_AdapterStatusChanged", FILTER_EVENT_MEDIA_CONNECT, Adapter);
         else if (Status == NDIS_STATUS_MEDIA_DISCONNECT)
-            DeliverAdapterEvent("NdisFilter_AdapterStatusChanged", FILTER_EVENT_MEDIA_DISCONNECT, Adapter);
+            NdisFilter_DeliverAdapterEvent("NdisFilter_AdapterStatusChanged", FILTER_EVENT_MEDIA_DISCONNECT, Adapter);
         else
             NF_PRINT("Unknown adapter status 0x%x\n", (unsigned)Status);
     }
@@ -228,7 +228,7 @@ EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterClosed(PFilterAdapter Adapter)
         /* Capture logs of a closed adapter end with it (upper, lower, inject). */
         NdisFilter_CloseAdapterEthrLogs(Adapter);
         RefreshAdapterTable();
-        DeliverAdapterEvent("NdisFilter_AdapterClosed", FILTER_EVENT_ADAPTER_CLOSED, Adapter);
+        NdisFilter_DeliverAdapterEvent("NdisFilter_AdapterClosed", FILTER_EVENT_ADAPTER_CLOSED, Adapter);
     }
     NF_TRACE(NF_DBG_HOOK_PACKET, "Leave NdisFilter_AdapterClosed\n");
     return STATUS_SUCCESS;

@@ -151,7 +151,7 @@ VOID RemoveEventHandlers(PFilterDriver Driver)
 {
     KIRQL irql = KeAcquireSpinLockRaiseToDpc(&g_pGlobal->m_EventHandlerLock);
     NdisFilter_RemoveOwnedRecords(&g_pGlobal->m_EventHandlerList, &EventHandler::m_hFilterDriver, Driver,
-                                  [](EventHandler *) {});
+                                  [](EventHandler *handler) { handler->m_Tag = 0; });
     KeReleaseSpinLock(&g_pGlobal->m_EventHandlerLock, irql);
 }
 

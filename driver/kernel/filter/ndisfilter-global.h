@@ -179,6 +179,12 @@ VOID NdisFilter_InitializeAdapterIds(VOID);
 VOID NdisFilter_EnumOpenedAdapter(VOID);
 /* TRUE while the hook driver has `Adapter` open (decided by address). Any IRQL. */
 BOOLEAN NdisFilter_IsOpenAdapter(PFilterAdapter Adapter);
+/*
+ * Calls every adapter event handler, in registration order, with Event for
+ * Adapter, at DISPATCH_LEVEL under m_EventHandlerLock; a handler's fault is
+ * printed under CallerName. IRQL <= DISPATCH_LEVEL.
+ */
+VOID NdisFilter_DeliverAdapterEvent(PCSTR CallerName, ULONG Event, PFilterAdapter Adapter);
 
 /* ---- timers (ndisfilter-timer.cpp) ---- */
 VOID NdisFilter_RemoveDriverTimers(struct _FilterDriver *Driver);

@@ -329,6 +329,104 @@ NDISFILTER_API FILTER_STATUS NTAPI Filter_FindAdapterByMacAddress(const UCHAR *M
 NDISFILTER_API FILTER_STATUS NTAPI Filter_FindAdapterByNetCfgInstanceId(PCSTR InstanceId, PFilterAdapter *Adapter);
 NDISFILTER_API VOID NTAPI Filter_EnumOpenedAdapter(VOID);
 
+/* Per-adapter values of client drivers: each driver owns at most one slot. */
+#define FILTER_ADAPTER_CONTEXT_SLOTS 16
+
+/* The lowest slot the driver owns, or else the lowest free one, which it then owns. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_AcquireAdapterContext(PFilterDriver FilterDriver, PULONG Index);
+/* Stores the adapter's value of the driver's own slot. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_SetAdapterContext(PFilterDriver FilterDriver, PFilterAdapter Adapter,
+                                                            ULONG Index, PVOID Context);
+/* Reads the adapter's value of any slot (zero until set; a released slot keeps its values). */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetAdapterContext(PFilterAdapter Adapter, ULONG Index, PVOID *Context);
+/* Gives up the driver's slot. Deregistering a driver does not: release the slot before. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_ReleaseAdapterContext(PFilterDriver FilterDriver, ULONG Index);
+
+/*
+ * One adapter event handler per driver, called in registration order for
+ * every FILTER_EVENT_* of every adapter. It runs at DISPATCH_LEVEL with the
+ * handler list locked and must not register or deregister handlers. When
+ * memory is short the answer is success and *EventHandler is not written.
+ */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_RegisterEventHandler(PFilterDriver FilterDriver, PFILTER_EVENT_PROC EventProc,
+                                                               PVOID EventContext, PEventHandler *EventHandler);
+NDISFILTER_API BOOLEAN NTAPI Filter_IsValidEventHandler(PEventHandler EventHandler);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_DeregisterEventHandler(PFilterDriver FilterDriver,
+                                                                 PEventHandler EventHandler);
+
+/* Adapter properties. MAC addresses are 6 bytes. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetAdapterCurrentAddress(PFilterAdapter Adapter, PUCHAR Address);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetAdapterPermentAddress(PFilterAdapter Adapter, PUCHAR Address);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetAdapterMediaState(PFilterAdapter Adapter, PULONG State);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetAdapterMediumType(PFilterAdapter Adapter, PULONG Medium);
+/* A copy of the name in one block (the UNICODE_STRING, then the zero-terminated text) freed with
+ * Filter_FreeMemory; when memory is short the answer is success and *Name is not written. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetAdapterName(PFilterAdapter Adapter, PUNICODE_STRING *Name);
+/* The handle is checked before Mtu: a NULL handle is FILTER_ERROR_INVALID_ADAPTER_HANDLE. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetAdapterMtu(PFilterAdapter Adapter, PUSHORT Mtu);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_IsNdisWanAdapter(PFilterAdapter Adapter, PBOOLEAN NdisWan);
+/* The PPP addresses; FILTER_ERROR_ADAPTER_NOT_OPEN (with the zero address copied) until one is set. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetAdapterPPPSrcMacAddress(PFilterAdapter Adapter, PUCHAR Address);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetAdapterPPPDstMacAddress(PFilterAdapter Adapter, PUCHAR Address);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_SetAdapterPPPSrcMacAddress(PFilterAdapter Adapter, const UCHAR *Address);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_SetAdapterPPPDstMacAddress(PFilterAdapter Adapter, const UCHAR *Address);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_SetAdapterCongestionControl(PFilterAdapter Adapter, BOOLEAN Enable);
+/* The packet-dump switch of the adapter whose current address is Mac. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetAdapterPacketDump(const UCHAR *Mac, PBOOLEAN Dump);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_SetAdapterPacketDump(const UCHAR *Mac, BOOLEAN Dump);
+
+/* A ULONG count and up to FILTER_MAX_ADAPTERS packed AdapterInfo entries: the buffer's size. */
+#define FILTER_ADAPTER_LIST_SIZE (4 + 32 * 286)
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetTcpIpBoundAdapters(PVOID Buffer);
+
+/*
+ * Stores the configuration in the adapter named by Config->hAdapter. Each
+ * Broadcast is recomputed from its address and mask (also in the caller's
+ * record) first; a change is announced as FILTER_EVENT_IPCONFIG_CHANGED.
+ * Every count must be at most FILTER_MAX_IPCONFIG_ENTRIES.
+ */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_SetIPConfig(PIPConfig Config);
+/* Copies the configuration to Config when given; returns the adapter's own record, or NULL. */
+NDISFILTER_API PIPConfig NTAPI Filter_GetIPConfig(PFilterAdapter Adapter, PIPConfig Config);
+
+/* Media state (NDIS_MEDIA_STATE) by current MAC address, read and forced through the hook driver. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_GetAdapterMediaStateByMac(const UCHAR *Mac, PULONG State);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_SetAdapterMediaStateByMac(const UCHAR *Mac, UCHAR State);
+
+/* ------------------------------------------------------------------------
+ * NDIS requests, carried out on an adapter by the hook driver.
+ * ------------------------------------------------------------------------ */
+
+typedef struct _FilterNdisRequest FilterNdisRequest, *PFilterNdisRequest;
+
+/*
+ * Called once per Filter_MakeNdisRequest when the request has completed:
+ * inside that call for requests the adapter answers at once, later at
+ * DISPATCH_LEVEL for those it pends (statistics and sets). Context is the
+ * one given to Filter_MakeNdisRequest. The routine may free the request.
+ */
+typedef VOID (NTAPI *PFILTER_NDIS_REQUEST_COMPLETE)(PFilterNdisRequest Request, NDIS_STATUS Status, PVOID Context);
+
+/*
+ * The part of a request block the client sees (the handle is its address).
+ * Fill m_Request (type, OID, buffer and its length; the buffer must stay
+ * valid until completion) and optionally m_pfComplete, then make the
+ * request. m_Status reads NDIS_STATUS_PENDING until the request completes.
+ */
+struct _FilterNdisRequest {
+    NDIS_REQUEST m_Request;
+    PFILTER_NDIS_REQUEST_COMPLETE m_pfComplete;
+    volatile NDIS_STATUS m_Status;
+};
+
+NDISFILTER_API FILTER_STATUS NTAPI Filter_AllocateNdisRequest(PFilterNdisRequest *Request);
+NDISFILTER_API BOOLEAN NTAPI Filter_IsValidNdisRequest(PFilterNdisRequest Request);
+/* Success whatever the request's outcome, which reaches the client through the record. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_MakeNdisRequest(PFilterAdapter Adapter, PFilterNdisRequest Request,
+                                                          PVOID Context);
+/* Frees a request that is not pending. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_FreeNdisRequest(PFilterNdisRequest Request);
+
 /* ------------------------------------------------------------------------
  * Filter drivers and packet filters.
  * ------------------------------------------------------------------------ */
