@@ -33,7 +33,8 @@ constexpr ULONG kFileOpen = 0x00000001; // create disposition FILE_OPEN
 
 // Sends a create, cleanup or close request for `file` and waits for it.
 NTSTATUS SendFileRequest(PFILE_OBJECT file, UCHAR major, KPROCESSOR_MODE mode,
-                         IO_SECURITY_CONTEXT *security, ULONG shareAccess)
+                         IO_SECURITY_CONTEXT *security, ULONG shareAccess,
+                         const FileOpenAttributes *extra = nullptr)
 {
     PDEVICE_OBJECT device = file->DeviceObject;
     PIRP irp = IrpAllocateSynchronous(device->StackSize);
@@ -50,6 +51,14 @@ NTSTATUS SendFileRequest(PFILE_OBJECT file, UCHAR major, KPROCESSOR_MODE mode,
         stack->Parameters.Create.SecurityContext = security;
         stack->Parameters.Create.Options = kFileOpen << 24;
         stack->Parameters.Create.ShareAccess = static_cast<USHORT>(shareAccess);
+        if (extra != nullptr) {
+            // The extended attributes travel in the system buffer, which stays the
+            // caller's: it is detached again before the IRP is freed.
+            stack->Parameters.Create.Options = (extra->disposition << 24) | extra->options;
+            stack->Parameters.Create.FileAttributes = static_cast<USHORT>(extra->attributes);
+            stack->Parameters.Create.EaLength = extra->eaLength;
+            irp->AssociatedIrp.SystemBuffer = extra->eaLength > 0 ? extra->ea : nullptr;
+        }
     }
     return IrpSendSynchronous(device, irp, nullptr);
 }
@@ -90,10 +99,11 @@ FileRequests *FileGetRequests(PFILE_OBJECT file)
 
 // Resolves `path`, creates the file object and sends IRP_MJ_CREATE. IRQL == PASSIVE_LEVEL.
 NTSTATUS FileOpen(const Name &path, ACCESS_MASK access, ULONG shareAccess, bool synchronous,
-                  KPROCESSOR_MODE mode, PFILE_OBJECT *file)
+                  KPROCESSOR_MODE mode, PFILE_OBJECT *file, const FileOpenAttributes *extra)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "open of a device");
     *file = nullptr;
+    TransportStartFor(path);
     PDEVICE_OBJECT device = nullptr;
     Name remainder;
     NTSTATUS status = NameResolveDevice(path, &device, &remainder);
@@ -135,7 +145,7 @@ NTSTATUS FileOpen(const Name &path, ACCESS_MASK access, ULONG shareAccess, bool 
 
     IO_SECURITY_CONTEXT security{};
     security.DesiredAccess = access;
-    status = SendFileRequest(fo, IRP_MJ_CREATE, mode, &security, shareAccess);
+    status = SendFileRequest(fo, IRP_MJ_CREATE, mode, &security, shareAccess, extra);
     if (!NT_SUCCESS(status)) {
         ObDereferenceObject(fo);
         return status;
@@ -172,6 +182,48 @@ NTSTATUS IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK Desire
         ZwClose(handle);
     *FileObject = file;
     *DeviceObject = file->DeviceObject;
+    return STATUS_SUCCESS;
+}
+
+// Opens the device ObjectAttributes names (links followed) with the create
+// request's disposition, options and extended attributes, and returns a kernel
+// handle that holds the file object's only reference. IRQL == PASSIVE_LEVEL.
+NTSTATUS ZwCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
+                      POBJECT_ATTRIBUTES ObjectAttributes, PIO_STATUS_BLOCK IoStatusBlock,
+                      PLARGE_INTEGER AllocationSize, ULONG FileAttributes, ULONG ShareAccess,
+                      ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
+                      ULONG EaLength)
+{
+    UNREFERENCED_PARAMETER(AllocationSize);
+    RequireIrqlAtMost(PASSIVE_LEVEL, "ZwCreateFile");
+    if (FileHandle == nullptr || ObjectAttributes == nullptr ||
+        ObjectAttributes->ObjectName == nullptr || IoStatusBlock == nullptr ||
+        (EaLength > 0 && EaBuffer == nullptr))
+        return STATUS_INVALID_PARAMETER;
+    *FileHandle = nullptr;
+    FileOpenAttributes extra;
+    extra.disposition = CreateDisposition;
+    extra.options = CreateOptions;
+    extra.attributes = FileAttributes;
+    extra.ea = EaBuffer;
+    extra.eaLength = EaLength;
+    const bool synchronous =
+        (CreateOptions & (FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT)) != 0;
+    PFILE_OBJECT file = nullptr;
+    NTSTATUS status = FileOpen(ToName(ObjectAttributes->ObjectName), DesiredAccess, ShareAccess,
+                               synchronous, KernelMode, &file, &extra);
+    IoStatusBlock->Status = status;
+    IoStatusBlock->Information = 0;
+    if (!NT_SUCCESS(status))
+        return status;
+    HANDLE handle = ObjectInsertHandle(file);
+    ObDereferenceObject(file); // the handle holds the reference from here on
+    if (handle == nullptr) {
+        IoStatusBlock->Status = STATUS_INSUFFICIENT_RESOURCES;
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    IoStatusBlock->Information = 1; // FILE_OPENED
+    *FileHandle = handle;
     return STATUS_SUCCESS;
 }
 

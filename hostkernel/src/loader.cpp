@@ -127,6 +127,9 @@ void ReportLeaks()
     long mdls = MdlLiveCount();
     if (mdls > 0)
         VerifierError("leak: %ld MDL(s) from IoAllocateMdl were never freed", mdls);
+    ULONG sockets = HkTransportSocketCount();
+    if (sockets > 0)
+        VerifierError("leak: %u socket(s) of the TCP/IP transport were never closed", sockets);
     HkPoolReportLeaks(TRUE);
 }
 
