@@ -9,6 +9,7 @@
 #include <ntddk.h>
 #include <ndis.h>
 
+#include "example-collector.h"
 #include "example-firewall.h"
 #include "example-injector.h"
 #include "example-tap.h"
@@ -22,6 +23,8 @@ struct ClientCounters {
     EXAMPLE_FIREWALL_COUNTERS Firewall;
     EXAMPLE_INJECTOR_COUNTERS Injector;
     EXAMPLE_TAP_COUNTERS Tap;
+    bool HaveCollector;
+    EXAMPLE_COLLECTOR_COUNTERS Collector;
 };
 
 class DriverStack {
@@ -49,6 +52,7 @@ private:
 
     PDRIVER_OBJECT m_framework = nullptr;
     PDRIVER_OBJECT m_hook = nullptr;
+    PDRIVER_OBJECT m_collector = nullptr; /* loaded only with --collector */
     Client m_clients[3] = {
         {NF_HOST_FIREWALL_IMAGE, EXAMPLE_FIREWALL_SERVICE_NAME, nullptr},
         {NF_HOST_INJECTOR_IMAGE, EXAMPLE_INJECTOR_SERVICE_NAME, nullptr},
