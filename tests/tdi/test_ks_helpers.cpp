@@ -13,11 +13,16 @@ TEST_F(KsHelpers, TransportAddressLengthWalksEveryEntry)
     EXPECT_EQ(0u, KS_TransportAddressLength(nullptr));
     TA_IP_ADDRESS one = IpAddress(Loopback(), 80);
     EXPECT_EQ(22u, KS_TransportAddressLength(reinterpret_cast<PTRANSPORT_ADDRESS>(&one)));
-    EXPECT_EQ(1, one.TAAddressCount);
-    EXPECT_EQ(14, one.Address[0].AddressLength);
-    EXPECT_EQ(TDI_ADDRESS_TYPE_IP, one.Address[0].AddressType);
-    EXPECT_EQ(htons(80), one.Address[0].Address[0].sin_port); // stored as given
-    EXPECT_EQ(Loopback(), one.Address[0].Address[0].in_addr);
+    // The record is byte-packed: its fields are read into locals before comparing.
+    const LONG count1 = one.TAAddressCount;
+    const USHORT length = one.Address[0].AddressLength, type = one.Address[0].AddressType;
+    const USHORT port = one.Address[0].Address[0].sin_port;
+    const ULONG ip = one.Address[0].Address[0].in_addr;
+    EXPECT_EQ(1, count1);
+    EXPECT_EQ(14, length);
+    EXPECT_EQ(TDI_ADDRESS_TYPE_IP, type);
+    EXPECT_EQ(htons(80), port); // stored as given
+    EXPECT_EQ(Loopback(), ip);
 
     // Two entries of different lengths: 4 + (4 + 14) + (4 + 2).
     UCHAR two[32] = {};
