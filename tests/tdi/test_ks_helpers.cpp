@@ -135,6 +135,7 @@ TEST_F(KsHelpers, MdlsAreLockedAndPacketsGoWithTheirBuffers)
     NdisFreePacketPool(packets);
 }
 
+// The offset is kept for the whole process: this is the one test that finds it.
 TEST_F(KsHelpers, ProcessNameIsUnknownUntilTheOffsetIsFound)
 {
     char name[17];

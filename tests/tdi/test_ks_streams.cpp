@@ -316,4 +316,67 @@ TEST_F(KsStreams, EchoThroughSocatWithEveryCompletionMode)
     KS_CloseConnectionEndpoint(&endpoint);
 }
 
+// The connect handler takes an incoming connection with an accept request on
+// one of the address's endpoints, built in the handler as a client does.
+struct Acceptor {
+    KS_ENDPOINT *endpoint = nullptr;
+    std::atomic<int> accepted{0};
+    std::atomic<NTSTATUS> status{STATUS_PENDING};
+
+    static NTSTATUS NTAPI Accepted(PDEVICE_OBJECT, PIRP irp, PVOID context)
+    {
+        auto *self = static_cast<Acceptor *>(context);
+        self->status = irp->IoStatus.Status;
+        IoFreeIrp(irp);
+        self->accepted.fetch_add(1);
+        return STATUS_MORE_PROCESSING_REQUIRED;
+    }
+    static NTSTATUS NTAPI OnConnect(PVOID context, LONG remoteLength, PVOID, LONG, PVOID, LONG, PVOID,
+                                    CONNECTION_CONTEXT *connection, PIRP *acceptIrp)
+    {
+        auto *self = static_cast<Acceptor *>(context);
+        EXPECT_EQ(22, remoteLength);
+        PDEVICE_OBJECT device = IoGetRelatedDeviceObject(self->endpoint->EndpointFileObject);
+        PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
+        TdiBuildAccept(irp, device, self->endpoint->EndpointFileObject, Accepted, self, nullptr, nullptr);
+        *connection = self->endpoint;
+        *acceptIrp = irp;
+        return STATUS_MORE_PROCESSING_REQUIRED;
+    }
+};
+
+TEST_F(KsStreams, AnIncomingConnectionIsAcceptedByTheConnectHandler)
+{
+    KS_ADDRESS listening;
+    USHORT port = UnusedPort(SOCK_STREAM);
+    TA_IP_ADDRESS local = IpAddress(Loopback(), port);
+    ASSERT_EQ(STATUS_SUCCESS, KS_OpenTransportAddress(L"\\Device\\Tcp",
+                                                      reinterpret_cast<PTRANSPORT_ADDRESS>(&local),
+                                                      &listening));
+    KS_ENDPOINT endpoint;
+    ASSERT_EQ(STATUS_SUCCESS, KS_OpenConnectionEndpoint(L"\\Device\\Tcp", &listening, &endpoint, &endpoint));
+    Acceptor acceptor;
+    acceptor.endpoint = &endpoint;
+    ASSERT_EQ(STATUS_SUCCESS, KS_SetEventHandlers(&listening, &acceptor, Acceptor::OnConnect, nullptr,
+                                                  nullptr, nullptr, nullptr, nullptr));
+    HostSocket client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), true);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = Loopback();
+    to.sin_port = htons(port);
+    ASSERT_EQ(0, connect(client.fd, reinterpret_cast<sockaddr *>(&to), sizeof(to)));
+    ASSERT_TRUE(hktest::WaitUntil([&] { return acceptor.accepted.load() == 1; }));
+    EXPECT_EQ(STATUS_SUCCESS, acceptor.status.load());
+
+    IO_STATUS_BLOCK status{};
+    EXPECT_EQ(STATUS_SUCCESS, Send(&endpoint, "welcome", &status));
+    EXPECT_EQ("welcome", HostReceive(client.fd, 7));
+    EXPECT_EQ(STATUS_SUCCESS,
+              KS_Disconnect(&endpoint, nullptr, nullptr, nullptr, nullptr, TDI_DISCONNECT_RELEASE));
+    EXPECT_EQ("", HostReceive(client.fd, 1));
+    KS_CloseConnectionEndpoint(&endpoint);
+    KS_CloseTransportAddress(&listening);
+    EXPECT_EQ(0u, listening.ReferenceCount);
+}
+
 } // namespace

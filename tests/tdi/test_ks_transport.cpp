@@ -104,6 +104,7 @@ struct RefusingTransport {
 
 TEST_F(KsTransport, AFailingHandlerRegistrationLeavesTheLaterOnesUnset)
 {
+    RefusingTransport::types.clear();
     PDRIVER_OBJECT driver = nullptr;
     ASSERT_EQ(STATUS_SUCCESS, HkLoadDriver(RefusingTransport::Entry, "KsRefusing", &driver));
     KS_ADDRESS address;
