@@ -151,6 +151,16 @@ TEST_F(KsStreams, ConnectSendReceiveByHandlerAndRequestThenGracefulClose)
     ASSERT_TRUE(hktest::WaitUntil([&] { return events.Received() == "world"; }));
     EXPECT_EQ(&endpoint, events.contexts.back());
 
+    // More than one indication shows: the handler sees part of what is there each time.
+    const std::string big(20000, 'b');
+    HostSend(peer.fd, big);
+    ASSERT_TRUE(hktest::WaitUntil([&] { return events.Received().size() == 5 + big.size(); }));
+    EXPECT_TRUE(events.sawPartial);
+    {
+        std::lock_guard<std::mutex> guard(events.lock);
+        events.received = "world";
+    }
+
     // The handler takes part of an indication: the rest waits for a receive request.
     {
         std::lock_guard<std::mutex> guard(events.lock);
