@@ -368,13 +368,22 @@ void UpdateInterest(Transport &t, Connection *c)
 
 // ---- completing (transport lock not held) ----
 
+// Set in the poll thread, which completes requests at DISPATCH_LEVEL as a
+// transport's receive path does; dispatch routines complete at their caller's IRQL.
+thread_local bool t_inPollThread = false;
+
 void CompleteAll(std::vector<Completion> &done)
 {
+    KIRQL old = PASSIVE_LEVEL;
+    if (t_inPollThread && !done.empty())
+        KeRaiseIrql(DISPATCH_LEVEL, &old);
     for (const Completion &c : done) {
         c.irp->IoStatus.Status = c.status;
         c.irp->IoStatus.Information = c.information;
         IoCompleteRequest(c.irp, IO_NETWORK_INCREMENT);
     }
+    if (t_inPollThread && !done.empty())
+        KeLowerIrql(old);
     done.clear();
 }
 
@@ -884,6 +893,7 @@ void OnAddressEvent(Transport &t, Address *a, uint32_t events, std::unique_lock<
 
 void PollThread()
 {
+    t_inPollThread = true;
     Transport &t = State();
     epoll_event events[64];
     for (;;) {
