@@ -186,8 +186,10 @@ NTSTATUS IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK Desire
 }
 
 // Opens the device ObjectAttributes names (links followed) with the create
-// request's disposition, options and extended attributes, and returns a kernel
-// handle that holds the file object's only reference. IRQL == PASSIVE_LEVEL.
+// request's disposition, options and extended attributes (a transport takes
+// its address or connection context from them). OBJ_KERNEL_HANDLE gives a
+// kernel handle, else a handle of the process, as on Windows; the handle holds
+// the file object's only reference. IRQL == PASSIVE_LEVEL.
 NTSTATUS ZwCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
                       POBJECT_ATTRIBUTES ObjectAttributes, PIO_STATUS_BLOCK IoStatusBlock,
                       PLARGE_INTEGER AllocationSize, ULONG FileAttributes, ULONG ShareAccess,
@@ -201,6 +203,11 @@ NTSTATUS ZwCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
         (EaLength > 0 && EaBuffer == nullptr))
         return STATUS_INVALID_PARAMETER;
     *FileHandle = nullptr;
+    if (ObjectAttributes->RootDirectory != nullptr) {
+        VerifierError("ZwCreateFile: opens relative to a directory handle are not supported by "
+                      "the host runtime");
+        return STATUS_NOT_IMPLEMENTED;
+    }
     FileOpenAttributes extra;
     extra.disposition = CreateDisposition;
     extra.options = CreateOptions;
@@ -212,18 +219,17 @@ NTSTATUS ZwCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
     PFILE_OBJECT file = nullptr;
     NTSTATUS status = FileOpen(ToName(ObjectAttributes->ObjectName), DesiredAccess, ShareAccess,
                                synchronous, KernelMode, &file, &extra);
-    IoStatusBlock->Status = status;
-    IoStatusBlock->Information = 0;
     if (!NT_SUCCESS(status))
         return status;
-    HANDLE handle = ObjectInsertHandle(file);
+    HANDLE handle = (ObjectAttributes->Attributes & OBJ_KERNEL_HANDLE)
+                        ? ObjectInsertHandle(file)
+                        : ObjectInsertUserHandle(file, DesiredAccess);
     ObDereferenceObject(file); // the handle holds the reference from here on
-    if (handle == nullptr) {
-        IoStatusBlock->Status = STATUS_INSUFFICIENT_RESOURCES;
+    if (handle == nullptr)
         return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    IoStatusBlock->Information = 1; // FILE_OPENED
     *FileHandle = handle;
+    IoStatusBlock->Status = STATUS_SUCCESS;
+    IoStatusBlock->Information = 1; // FILE_OPENED
     return STATUS_SUCCESS;
 }
 
