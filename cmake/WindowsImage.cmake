@@ -56,6 +56,7 @@ set(nf_checker_args
     --objdump ${NF_MINGW_OBJDUMP}
     --image ${nf_windows_image}
     --header ${nf_driver_dir}/include/ndisfilter.h
+    --header ${PROJECT_SOURCE_DIR}/driver/kernel/tdi/include/ksocket.h
     --def ${nf_driver_dir}/ndisfilter.def
     --implib ${nf_windows_implib})
 foreach(check subsystem imports exports import-library checksum layout)

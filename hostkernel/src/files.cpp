@@ -33,7 +33,8 @@ constexpr ULONG kFileOpen = 0x00000001; // create disposition FILE_OPEN
 
 // Sends a create, cleanup or close request for `file` and waits for it.
 NTSTATUS SendFileRequest(PFILE_OBJECT file, UCHAR major, KPROCESSOR_MODE mode,
-                         IO_SECURITY_CONTEXT *security, ULONG shareAccess)
+                         IO_SECURITY_CONTEXT *security, ULONG shareAccess,
+                         const FileOpenAttributes *extra = nullptr)
 {
     PDEVICE_OBJECT device = file->DeviceObject;
     PIRP irp = IrpAllocateSynchronous(device->StackSize);
@@ -50,6 +51,14 @@ NTSTATUS SendFileRequest(PFILE_OBJECT file, UCHAR major, KPROCESSOR_MODE mode,
         stack->Parameters.Create.SecurityContext = security;
         stack->Parameters.Create.Options = kFileOpen << 24;
         stack->Parameters.Create.ShareAccess = static_cast<USHORT>(shareAccess);
+        if (extra != nullptr) {
+            // The extended attributes travel in the system buffer, which stays the
+            // caller's: it is detached again before the IRP is freed.
+            stack->Parameters.Create.Options = (extra->disposition << 24) | extra->options;
+            stack->Parameters.Create.FileAttributes = static_cast<USHORT>(extra->attributes);
+            stack->Parameters.Create.EaLength = extra->eaLength;
+            irp->AssociatedIrp.SystemBuffer = extra->eaLength > 0 ? extra->ea : nullptr;
+        }
     }
     return IrpSendSynchronous(device, irp, nullptr);
 }
@@ -90,10 +99,11 @@ FileRequests *FileGetRequests(PFILE_OBJECT file)
 
 // Resolves `path`, creates the file object and sends IRP_MJ_CREATE. IRQL == PASSIVE_LEVEL.
 NTSTATUS FileOpen(const Name &path, ACCESS_MASK access, ULONG shareAccess, bool synchronous,
-                  KPROCESSOR_MODE mode, PFILE_OBJECT *file)
+                  KPROCESSOR_MODE mode, PFILE_OBJECT *file, const FileOpenAttributes *extra)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "open of a device");
     *file = nullptr;
+    TransportStartFor(path);
     PDEVICE_OBJECT device = nullptr;
     Name remainder;
     NTSTATUS status = NameResolveDevice(path, &device, &remainder);
@@ -135,7 +145,7 @@ NTSTATUS FileOpen(const Name &path, ACCESS_MASK access, ULONG shareAccess, bool 
 
     IO_SECURITY_CONTEXT security{};
     security.DesiredAccess = access;
-    status = SendFileRequest(fo, IRP_MJ_CREATE, mode, &security, shareAccess);
+    status = SendFileRequest(fo, IRP_MJ_CREATE, mode, &security, shareAccess, extra);
     if (!NT_SUCCESS(status)) {
         ObDereferenceObject(fo);
         return status;
@@ -183,10 +193,9 @@ NTSTATUS ZwCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATT
                       ULONG EaLength)
 {
     UNREFERENCED_PARAMETER(AllocationSize);
-    UNREFERENCED_PARAMETER(FileAttributes);
     RequireIrqlAtMost(PASSIVE_LEVEL, "ZwCreateFile");
     if (FileHandle == nullptr || ObjectAttributes == nullptr || ObjectAttributes->ObjectName == nullptr ||
-        IoStatusBlock == nullptr)
+        IoStatusBlock == nullptr || (EaLength > 0 && EaBuffer == nullptr))
         return STATUS_INVALID_PARAMETER;
     *FileHandle = nullptr;
     if (ObjectAttributes->RootDirectory != nullptr) {
@@ -202,13 +211,17 @@ NTSTATUS ZwCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATT
         return DriveCreateFile(letter, rest, FileHandle, DesiredAccess, ObjectAttributes->Attributes, IoStatusBlock,
                                ShareAccess, CreateDisposition, CreateOptions);
     }
-    if (EaBuffer != nullptr || EaLength != 0) {
-        VerifierError("ZwCreateFile: extended attributes for a device are not supported by the host runtime");
-        return STATUS_NOT_IMPLEMENTED;
-    }
+    /* A device takes the disposition, options and extended attributes with its create request
+       (a transport reads its address or connection context from them). */
+    FileOpenAttributes extra;
+    extra.disposition = CreateDisposition;
+    extra.options = CreateOptions;
+    extra.attributes = FileAttributes;
+    extra.ea = EaBuffer;
+    extra.eaLength = EaLength;
     bool synchronous = (CreateOptions & (FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT)) != 0;
     PFILE_OBJECT file = nullptr;
-    NTSTATUS status = FileOpen(path, DesiredAccess, ShareAccess, synchronous, KernelMode, &file);
+    NTSTATUS status = FileOpen(path, DesiredAccess, ShareAccess, synchronous, KernelMode, &file, &extra);
     if (!NT_SUCCESS(status))
         return status;
     HANDLE handle = (ObjectAttributes->Attributes & OBJ_KERNEL_HANDLE) ? ObjectInsertHandle(file)

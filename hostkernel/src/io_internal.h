@@ -129,8 +129,22 @@ std::string DeviceDisplayName(PDEVICE_OBJECT device);
 // Opens the device a path names: a new file object, IRP_MJ_CREATE sent to the
 // driver in the calling thread. On success *file holds one reference; closing
 // its last handle sends IRP_MJ_CLEANUP, its last reference IRP_MJ_CLOSE.
+// What ZwCreateFile adds to an open: disposition, options, attributes and the
+// extended-attribute buffer (the caller's, for the duration of the create).
+struct FileOpenAttributes {
+    ULONG disposition = 0;
+    ULONG options = 0;
+    ULONG attributes = 0;
+    void *ea = nullptr;
+    ULONG eaLength = 0;
+};
 NTSTATUS FileOpen(const Name &path, ACCESS_MASK access, ULONG shareAccess, bool synchronous,
-                  KPROCESSOR_MODE mode, PFILE_OBJECT *file);
+                  KPROCESSOR_MODE mode, PFILE_OBJECT *file,
+                  const FileOpenAttributes *extra = nullptr);
+
+// The TCP/IP transport (transport.cpp) creates its devices the first time a
+// path names one of them.
+void TransportStartFor(const Name &path);
 
 // Files on drives (drive_files.cpp). DrivePathOf: whether `path` names a file
 // on a drive ("\??\C:\..."), with its letter and the rest from the backslash

@@ -271,4 +271,14 @@ NTSTATUS IoDeleteSymbolicLink(PUNICODE_STRING SymbolicLinkName)
     return NameRemoveLink(ToName(SymbolicLinkName));
 }
 
+// The highest device attached over the file object's device. IRQL <= DISPATCH_LEVEL.
+PDEVICE_OBJECT IoGetRelatedDeviceObject(PFILE_OBJECT FileObject)
+{
+    PDEVICE_OBJECT device = FileObject->DeviceObject;
+    std::lock_guard<std::mutex> guard(IoLock());
+    while (device->AttachedDevice != nullptr)
+        device = device->AttachedDevice;
+    return device;
+}
+
 } // extern "C"

@@ -130,6 +130,9 @@ void ReportLeaks()
     ULONG files = HkOpenDriveFileCount();
     if (files > 0)
         VerifierError("leak: %lu file(s) opened on a drive were never closed", (unsigned long)files);
+    ULONG sockets = HkTransportSocketCount();
+    if (sockets > 0)
+        VerifierError("leak: %u socket(s) of the TCP/IP transport were never closed", sockets);
     HkPoolReportLeaks(TRUE);
 }
 

@@ -390,7 +390,9 @@ def run(args, check):
     elif check == "imports":
         check_imports(dump)
     elif check == "exports":
-        check_exports(dump, image_name, read_text(args.header), os.path.basename(args.header),
+        # The image's exports may be declared over several public headers.
+        check_exports(dump, image_name, "\n".join(read_text(h) for h in args.header),
+                      " + ".join(os.path.basename(h) for h in args.header),
                       read_text(args.def_file), os.path.basename(args.def_file))
     elif check == "import-library":
         if not os.path.isfile(args.implib):
@@ -410,7 +412,8 @@ def main(argv):
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--objdump", default="x86_64-w64-mingw32-objdump")
     parser.add_argument("--image", required=True, help="the driver image (.sys)")
-    parser.add_argument("--header", help="public header with the exported declarations")
+    parser.add_argument("--header", action="append",
+                        help="public header with exported declarations (repeatable)")
     parser.add_argument("--def", dest="def_file", help="module-definition file")
     parser.add_argument("--implib", help="import library for client drivers")
     parser.add_argument("checks", nargs="+", choices=CHECKS)

@@ -46,6 +46,13 @@ void WriteClientSettings(const Options &options)
     else
         HkRegistryDeleteValue(injector.c_str(), EXAMPLE_INJECTOR_PROTOCOL_VALUE);
 
+    if (!options.CollectorAddress.empty()) {
+        std::string collector = ServiceKey(EXAMPLE_COLLECTOR_SERVICE_NAME);
+        HkRegistryCreateKey(collector.c_str());
+        HkRegistrySetString(collector.c_str(), EXAMPLE_COLLECTOR_ADDRESS_VALUE, options.CollectorAddress.c_str());
+        HkRegistrySetDword(collector.c_str(), EXAMPLE_COLLECTOR_PORT_VALUE, options.CollectorPort);
+    }
+
     std::string tap = ServiceKey(EXAMPLE_TAP_SERVICE_NAME);
     HkRegistryCreateKey(tap.c_str());
     if (!options.TapPorts.empty())
@@ -108,6 +115,18 @@ bool DriverStack::Load(const Options &options, std::string *error)
         }
         client.Driver = driver;
     }
+    if (!options.CollectorAddress.empty()) {
+        status = HkLoadDriverImage(NF_HOST_COLLECTOR_IMAGE, EXAMPLE_COLLECTOR_SERVICE_NAME, &m_collector);
+        if (!NT_SUCCESS(status)) {
+            if (m_collector != nullptr)
+                HkDiscardDriver(m_collector);
+            m_collector = nullptr;
+            *error = std::string(EXAMPLE_COLLECTOR_SERVICE_NAME) + " did not reach the collector at " +
+                     options.CollectorAddress + ":" + std::to_string(options.CollectorPort) + ", status " +
+                     StatusText(status);
+            return false;
+        }
+    }
     return true;
 }
 
@@ -125,11 +144,26 @@ bool DriverStack::ReadCounters(ClientCounters *counters, std::string *error) con
     injector(&counters->Injector);
     tap(&counters->Tap);
     monitor(&counters->Monitor);
+    counters->HaveCollector = false;
+    if (m_collector != nullptr) {
+        auto collector = (PEXAMPLE_COLLECTOR_GET_COUNTERS)FindExport(NF_HOST_COLLECTOR_IMAGE,
+                                                                     EXAMPLE_COLLECTOR_GET_COUNTERS);
+        if (collector == nullptr) {
+            *error = "the collector's counter function is missing";
+            return false;
+        }
+        collector(&counters->Collector);
+        counters->HaveCollector = true;
+    }
     return true;
 }
 
 void DriverStack::UnloadClients()
 {
+    if (m_collector != nullptr) {
+        HkUnloadDriver(m_collector);
+        m_collector = nullptr;
+    }
     for (int i = (int)(sizeof(m_clients) / sizeof(m_clients[0])) - 1; i >= 0; i--) {
         if (m_clients[i].Driver != nullptr) {
             HkUnloadDriver(m_clients[i].Driver);

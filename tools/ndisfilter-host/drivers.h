@@ -9,6 +9,7 @@
 #include <ntddk.h>
 #include <ndis.h>
 
+#include "example-collector.h"
 #include "example-firewall.h"
 #include "example-injector.h"
 #include "example-monitor.h"
@@ -24,6 +25,8 @@ struct ClientCounters {
     EXAMPLE_INJECTOR_COUNTERS Injector;
     EXAMPLE_TAP_COUNTERS Tap;
     EXAMPLE_MONITOR_COUNTERS Monitor;
+    bool HaveCollector;
+    EXAMPLE_COLLECTOR_COUNTERS Collector;
 };
 
 class DriverStack {
@@ -51,6 +54,7 @@ private:
 
     PDRIVER_OBJECT m_framework = nullptr;
     PDRIVER_OBJECT m_hook = nullptr;
+    PDRIVER_OBJECT m_collector = nullptr; /* loaded only with --collector */
     Client m_clients[4] = {
         {NF_HOST_FIREWALL_IMAGE, EXAMPLE_FIREWALL_SERVICE_NAME, nullptr},
         {NF_HOST_INJECTOR_IMAGE, EXAMPLE_INJECTOR_SERVICE_NAME, nullptr},

@@ -37,6 +37,8 @@ void PrintUsage()
                  "  --inject-protocol N     IP protocol the injector sends through the queues (default 1)\n"
                  "  --app-send N            frames per adapter the application sends to the protocols (default 4)\n"
                  "  --app-loopback N        frames the application sends back to itself (default 2)\n"
+                 "  --collector ADDR:PORT   also load the collector client, which sends the start of\n"
+                 "                          every frame to ADDR over UDP and TCP (both on PORT)\n"
                  "  --debug-mask VALUE      GlobalDebugFlag of the framework (default 0)\n"
                  "  --quiet                 do not echo the drivers' trace to stderr\n");
 }
@@ -65,6 +67,16 @@ bool ParseOptions(int argc, char **argv, Options *options, std::string *error)
         } else if (arg == "--rules") {
             options->HaveRules = true;
             options->Rules = argv[++i];
+        } else if (arg == "--collector") {
+            std::string value = argv[++i];
+            size_t colon = value.rfind(':');
+            if (colon == std::string::npos || colon == 0 ||
+                !ParseUnsigned(value.c_str() + colon + 1, 65535, &number) || number == 0) {
+                *error = "--collector takes ADDRESS:PORT, e.g. 127.0.0.1:5140";
+                return false;
+            }
+            options->CollectorAddress = value.substr(0, colon);
+            options->CollectorPort = (unsigned)number;
         } else if (arg == "--tap-ports") {
             options->TapPorts = argv[++i];
         } else if (arg == "--inject-protocol") {

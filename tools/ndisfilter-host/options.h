@@ -15,6 +15,8 @@ struct Options {
     bool HaveRules = false; /* --rules given: the firewall gets exactly these (may be empty) */
     std::string Rules;
     std::string TapPorts;   /* empty: the tap's default */
+    std::string CollectorAddress; /* empty: the collector client is not loaded */
+    unsigned CollectorPort = 0;
     int InjectProtocol = -1; /* -1: the injector's default */
     unsigned AppSend = 4;      /* frames per adapter the application sends toward the protocols */
     unsigned AppLoopback = 2;  /* frames the application sends back to itself */

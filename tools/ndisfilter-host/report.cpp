@@ -134,6 +134,13 @@ void PrintTraffic(const RunReport &report)
         std::printf("; inspected in %u / out %u; copied to the application in %u / out %u; incomplete %u\n",
                     (unsigned)c.Tap.Inspected[In], (unsigned)c.Tap.Inspected[Out], (unsigned)c.Tap.Indicated[In],
                     (unsigned)c.Tap.Indicated[Out], (unsigned)(c.Tap.Incomplete[In] + c.Tap.Incomplete[Out]));
+        if (c.HaveCollector)
+            std::printf("collector: captured %u; sent udp %u / tcp %u; dropped %u, failed %u; "
+                        "answered %u on port %u; connection %s\n",
+                        (unsigned)c.Collector.Captured, (unsigned)c.Collector.SentUdp,
+                        (unsigned)c.Collector.SentTcp, (unsigned)c.Collector.Dropped,
+                        (unsigned)c.Collector.Failed, (unsigned)c.Collector.Answered,
+                        (unsigned)c.Collector.AnswerPort, c.Collector.TcpConnected ? "up" : "down");
     }
 
     if (report.HaveCounters) {

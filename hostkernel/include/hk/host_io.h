@@ -72,6 +72,10 @@ ULONG HkOpenDriveFileCount(void);
 /* Number of IRPs and MDLs currently allocated (for leak checks in tests). */
 ULONG HkLiveIrpCount(void);
 ULONG HkLiveMdlCount(void);
+/* Host sockets the TCP/IP transport ("\Device\Tcp", "\Device\Udp") holds open, and
+ * its address, connection and control-channel objects not yet closed. */
+ULONG HkTransportSocketCount(void);
+ULONG HkTransportObjectCount(void);
 
 HK_EXTERN_C_END
 

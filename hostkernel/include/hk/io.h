@@ -621,6 +621,14 @@ FORCEINLINE VOID IoSetCompletionRoutine(PIRP Irp, PIO_COMPLETION_ROUTINE Complet
         next->Control |= SL_INVOKE_ON_CANCEL;
 }
 
+/* Makes the next stack location the current one, for an IRP a driver hands itself
+ * without IoCallDriver (as a transport does with the IRP an event handler returns). */
+FORCEINLINE VOID IoSetNextIrpStackLocation(PIRP Irp)
+{
+    Irp->CurrentLocation--;
+    Irp->Tail.Overlay.CurrentStackLocation--;
+}
+
 /* Records that the current driver returns STATUS_PENDING for this IRP. Any IRQL. */
 FORCEINLINE VOID IoMarkIrpPending(PIRP Irp)
 {
@@ -644,6 +652,9 @@ NTSTATUS IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName, PUNICODE_STRING 
 NTSTATUS IoDeleteSymbolicLink(PUNICODE_STRING SymbolicLinkName);
 NTSTATUS IoGetDeviceObjectPointer(PUNICODE_STRING ObjectName, ACCESS_MASK DesiredAccess,
                                   PFILE_OBJECT *FileObject, PDEVICE_OBJECT *DeviceObject);
+
+/* The device a request on FileObject goes to: the top of the stack attached to its device. */
+PDEVICE_OBJECT IoGetRelatedDeviceObject(PFILE_OBJECT FileObject);
 
 PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota);
 VOID IoFreeIrp(PIRP Irp);
@@ -794,6 +805,55 @@ FORCEINLINE PVOID MmGetSystemAddressForMdlSafe(PMDL Mdl, ULONG Priority)
         return Mdl->MappedSystemVa;
     return MmMapLockedPagesSpecifyCache(Mdl, KernelMode, MmCached, NULL, FALSE, Priority);
 }
+
+
+/* ---- opening files and devices by name ---- */
+#ifndef FILE_ATTRIBUTE_NORMAL
+#define FILE_ATTRIBUTE_NORMAL 0x00000080
+#endif
+/* Create dispositions. */
+#define FILE_SUPERSEDE    0x00000000
+#define FILE_OPEN         0x00000001
+#define FILE_CREATE       0x00000002
+#define FILE_OPEN_IF      0x00000003
+#define FILE_OVERWRITE    0x00000004
+#define FILE_OVERWRITE_IF 0x00000005
+/* Create options. */
+#define FILE_DIRECTORY_FILE          0x00000001
+#define FILE_WRITE_THROUGH           0x00000002
+#define FILE_SEQUENTIAL_ONLY         0x00000004
+#define FILE_SYNCHRONOUS_IO_ALERT    0x00000010
+#define FILE_SYNCHRONOUS_IO_NONALERT 0x00000020
+#define FILE_NON_DIRECTORY_FILE      0x00000040
+
+/* One extended attribute of a create request: the name (EaNameLength bytes and a zero)
+ * and then the value (EaValueLength bytes) follow EaName[0]. */
+typedef struct _FILE_FULL_EA_INFORMATION {
+    ULONG NextEntryOffset;
+    UCHAR Flags;
+    UCHAR EaNameLength;
+    USHORT EaValueLength;
+    CHAR EaName[1];
+} FILE_FULL_EA_INFORMATION, *PFILE_FULL_EA_INFORMATION;
+
+/*
+ * Opens the device (or the object behind a link) ObjectAttributes names:
+ * IRP_MJ_CREATE carries the extended attributes in the request's system buffer
+ * (Parameters.Create.EaLength bytes) and *FileHandle receives a kernel handle.
+ * IRQL == PASSIVE_LEVEL.
+ */
+NTSTATUS ZwCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
+                      POBJECT_ATTRIBUTES ObjectAttributes, PIO_STATUS_BLOCK IoStatusBlock,
+                      PLARGE_INTEGER AllocationSize, ULONG FileAttributes, ULONG ShareAccess,
+                      ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
+                      ULONG EaLength);
+
+/* ---- processes ---- */
+typedef struct _EPROCESS *PEPROCESS;
+/* The process the calling thread runs in: every thread of the host runtime runs in
+ * the system process, whose object carries its image name "System". Any IRQL. */
+PEPROCESS PsGetCurrentProcess(VOID);
+PEPROCESS IoGetCurrentProcess(VOID);
 
 HK_EXTERN_C_END
 
