@@ -496,7 +496,9 @@ typedef VOID (*PIO_APC_ROUTINE)(PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock
  * Opens or creates a file. Paths on a drive ("\??\C:\dir\name", also spelt
  * "\DosDevices\C:\..." or "\GLOBAL??\C:\...") are files in the host directory
  * the host program mapped to that drive (hostkernel.h, HkSetDriveDirectory);
- * other names open a device as IoGetDeviceObjectPointer does. Dispositions,
+ * other names open a device (or the object behind a link), whose IRP_MJ_CREATE
+ * carries the extended attributes in the request's system buffer
+ * (Parameters.Create.EaLength bytes). Dispositions,
  * share access, FILE_SYNCHRONOUS_IO_* and the Information values are those of
  * Windows. OBJ_KERNEL_HANDLE gives a kernel handle. IRQL == PASSIVE_LEVEL.
  */
@@ -807,25 +809,7 @@ FORCEINLINE PVOID MmGetSystemAddressForMdlSafe(PMDL Mdl, ULONG Priority)
 }
 
 
-/* ---- opening files and devices by name ---- */
-#ifndef FILE_ATTRIBUTE_NORMAL
-#define FILE_ATTRIBUTE_NORMAL 0x00000080
-#endif
-/* Create dispositions. */
-#define FILE_SUPERSEDE    0x00000000
-#define FILE_OPEN         0x00000001
-#define FILE_CREATE       0x00000002
-#define FILE_OPEN_IF      0x00000003
-#define FILE_OVERWRITE    0x00000004
-#define FILE_OVERWRITE_IF 0x00000005
-/* Create options. */
-#define FILE_DIRECTORY_FILE          0x00000001
-#define FILE_WRITE_THROUGH           0x00000002
-#define FILE_SEQUENTIAL_ONLY         0x00000004
-#define FILE_SYNCHRONOUS_IO_ALERT    0x00000010
-#define FILE_SYNCHRONOUS_IO_NONALERT 0x00000020
-#define FILE_NON_DIRECTORY_FILE      0x00000040
-
+/* ---- opening devices with extended attributes ---- */
 /* One extended attribute of a create request: the name (EaNameLength bytes and a zero)
  * and then the value (EaValueLength bytes) follow EaName[0]. */
 typedef struct _FILE_FULL_EA_INFORMATION {
@@ -835,18 +819,6 @@ typedef struct _FILE_FULL_EA_INFORMATION {
     USHORT EaValueLength;
     CHAR EaName[1];
 } FILE_FULL_EA_INFORMATION, *PFILE_FULL_EA_INFORMATION;
-
-/*
- * Opens the device (or the object behind a link) ObjectAttributes names:
- * IRP_MJ_CREATE carries the extended attributes in the request's system buffer
- * (Parameters.Create.EaLength bytes) and *FileHandle receives a kernel handle.
- * IRQL == PASSIVE_LEVEL.
- */
-NTSTATUS ZwCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
-                      POBJECT_ATTRIBUTES ObjectAttributes, PIO_STATUS_BLOCK IoStatusBlock,
-                      PLARGE_INTEGER AllocationSize, ULONG FileAttributes, ULONG ShareAccess,
-                      ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
-                      ULONG EaLength);
 
 /* ---- processes ---- */
 typedef struct _EPROCESS *PEPROCESS;
