@@ -46,6 +46,8 @@ void WriteClientSettings(const Options &options)
     else
         HkRegistryDeleteValue(injector.c_str(), EXAMPLE_INJECTOR_PROTOCOL_VALUE);
 
+    HkRegistryCreateKey(ServiceKey(EXAMPLE_FLOW_TRACKER_SERVICE_NAME).c_str());
+
     std::string tap = ServiceKey(EXAMPLE_TAP_SERVICE_NAME);
     HkRegistryCreateKey(tap.c_str());
     if (!options.TapPorts.empty())
@@ -116,19 +118,22 @@ bool DriverStack::ReadCounters(ClientCounters *counters, std::string *error) con
     auto firewall = (PEXAMPLE_FIREWALL_GET_COUNTERS)FindExport(NF_HOST_FIREWALL_IMAGE, EXAMPLE_FIREWALL_GET_COUNTERS);
     auto injector = (PEXAMPLE_INJECTOR_GET_COUNTERS)FindExport(NF_HOST_INJECTOR_IMAGE, EXAMPLE_INJECTOR_GET_COUNTERS);
     auto tap = (PEXAMPLE_TAP_GET_COUNTERS)FindExport(NF_HOST_TAP_IMAGE, EXAMPLE_TAP_GET_COUNTERS);
-    if (firewall == nullptr || injector == nullptr || tap == nullptr) {
+    auto flows = (PEXAMPLE_FLOW_TRACKER_GET_COUNTERS)FindExport(NF_HOST_FLOW_TRACKER_IMAGE,
+                                                                EXAMPLE_FLOW_TRACKER_GET_COUNTERS);
+    if (firewall == nullptr || injector == nullptr || tap == nullptr || flows == nullptr) {
         *error = "a client's counter function is missing";
         return false;
     }
     firewall(&counters->Firewall);
     injector(&counters->Injector);
     tap(&counters->Tap);
+    flows(&counters->FlowTracker);
     return true;
 }
 
 void DriverStack::UnloadClients()
 {
-    for (int i = 2; i >= 0; i--) {
+    for (int i = (int)(sizeof(m_clients) / sizeof(m_clients[0])) - 1; i >= 0; i--) {
         if (m_clients[i].Driver != nullptr) {
             HkUnloadDriver(m_clients[i].Driver);
             m_clients[i].Driver = nullptr;

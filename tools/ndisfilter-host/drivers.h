@@ -1,6 +1,6 @@
 /*
  * drivers.h - the drivers of a run: the framework, the simulated hook driver
- * (bound) and the three example clients loaded from their images, with the
+ * (bound) and the four example clients loaded from their images, with the
  * service keys filled from the options first.
  */
 #pragma once
@@ -10,6 +10,7 @@
 #include <ndis.h>
 
 #include "example-firewall.h"
+#include "example-flow-tracker.h"
 #include "example-injector.h"
 #include "example-tap.h"
 #include "options.h"
@@ -22,6 +23,7 @@ struct ClientCounters {
     EXAMPLE_FIREWALL_COUNTERS Firewall;
     EXAMPLE_INJECTOR_COUNTERS Injector;
     EXAMPLE_TAP_COUNTERS Tap;
+    EXAMPLE_FLOW_TRACKER_COUNTERS FlowTracker;
 };
 
 class DriverStack {
@@ -49,10 +51,12 @@ private:
 
     PDRIVER_OBJECT m_framework = nullptr;
     PDRIVER_OBJECT m_hook = nullptr;
-    Client m_clients[3] = {
+    /* The firewall first: it hears of the flow tracker's interface when the tracker publishes it. */
+    Client m_clients[4] = {
         {NF_HOST_FIREWALL_IMAGE, EXAMPLE_FIREWALL_SERVICE_NAME, nullptr},
         {NF_HOST_INJECTOR_IMAGE, EXAMPLE_INJECTOR_SERVICE_NAME, nullptr},
         {NF_HOST_TAP_IMAGE, EXAMPLE_TAP_SERVICE_NAME, nullptr},
+        {NF_HOST_FLOW_TRACKER_IMAGE, EXAMPLE_FLOW_TRACKER_SERVICE_NAME, nullptr},
     };
 };
 

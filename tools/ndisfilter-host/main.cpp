@@ -24,6 +24,7 @@
 #include "adapters.h"
 #include "application.h"
 #include "drivers.h"
+#include "flows.h"
 #include "options.h"
 #include "report.h"
 
@@ -158,6 +159,9 @@ void RunTraffic(const host::Options &options, host::DriverStack &drivers, Adapte
 
     report->HaveCounters = drivers.ReadCounters(&report->Counters, &error);
     if (!report->HaveCounters)
+        report->Problems.push_back(error);
+    report->HaveFlows = host::ListFlows(&report->Flows, &error);
+    if (!report->HaveFlows)
         report->Problems.push_back(error);
 
     const int64_t now = (int64_t)std::time(nullptr);

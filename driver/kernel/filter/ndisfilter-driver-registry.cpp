@@ -195,6 +195,7 @@ VOID RemoveInterfaces(PFilterDriver Driver)
                 item->m_bActive = FALSE;
             } else {
                 RemoveEntryList(link);
+                item->m_Tag = 0;
                 NdisFilter_FreeRecord(item);
             }
         }
@@ -204,9 +205,9 @@ VOID RemoveInterfaces(PFilterDriver Driver)
 
 VOID RemoveIoCtrlHandlers(PFilterDriver Driver)
 {
-    NfWriteLock lock(&g_pGlobal->m_IoCtrlHandlerLock);
+    NfExclusivePassiveLock lock(&g_pGlobal->m_IoCtrlHandlerLock);
     NdisFilter_RemoveOwnedRecords(&g_pGlobal->m_IoCtrlHandlerList, &IoCtrlHandler::m_hFilterDriver, Driver,
-                                  [](IoCtrlHandler *) {});
+                                  [](IoCtrlHandler *handler) { handler->m_Tag = 0; });
 }
 
 } // namespace
