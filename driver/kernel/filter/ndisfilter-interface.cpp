@@ -13,7 +13,7 @@
 #include "ndisfilter-global.h"
 #include "ndisfilter-records.h"
 
-#define NF_INTERFACE_POOL_TAG 0x49466E4E /* "NfFI" */
+#define NF_INTERFACE_POOL_TAG 0x4946664E /* "NfFI" */
 
 namespace {
 
