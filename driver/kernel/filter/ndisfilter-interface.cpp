@@ -90,9 +90,9 @@ VOID NotifyInterfaceEvent(ULONG Event, PSTRING Name)
 }
 
 /* The checks every call starts with: arguments, then the driver. */
-FILTER_STATUS CheckCall(PFilterDriver Driver, const VOID *First, const VOID *Second)
+FILTER_STATUS CheckCall(PFilterDriver Driver, const VOID *First, const VOID *Second, const VOID *Third = "")
 {
-    if (Driver == NULL || First == NULL || Second == NULL)
+    if (Driver == NULL || First == NULL || Second == NULL || Third == NULL)
         return FILTER_ERROR_INVALID_ARGUMENT;
     if (!Filter_IsValidDriver(Driver))
         return FILTER_ERROR_INVALID_DRIVER_HANDLE;
@@ -109,10 +109,8 @@ FILTER_STATUS CheckCall(PFilterDriver Driver, const VOID *First, const VOID *Sec
 EXTERN_C FILTER_STATUS NTAPI Filter_RegisterInterface(PFilterDriver FilterDriver, PSTRING Name, PVOID Block,
                                                       PFilterInterface *Interface)
 {
-    FILTER_STATUS status = CheckCall(FilterDriver, Name, Block);
+    FILTER_STATUS status = CheckCall(FilterDriver, Name, Block, Interface);
     NfStatusTrace trace(NF_DBG_INTERFACE, "Filter_RegisterInterface", status);
-    if (status == FILTER_STATUS_SUCCESS && Interface == NULL)
-        status = FILTER_ERROR_INVALID_ARGUMENT;
     if (status != FILTER_STATUS_SUCCESS)
         return status;
 
