@@ -8,7 +8,17 @@
 #include <string>
 #include <vector>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 namespace {
+
+/* A page that faults when read: the fault the handlers below take on purpose. */
+const int *UnreadablePage()
+{
+    static void *page = mmap(nullptr, sysconf(_SC_PAGESIZE), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return (const int *)page;
+}
 
 const ULONG Unknown = 0x800024C0; /* function 0x930, buffered */
 const ULONG Other = 0x800024C4;
@@ -48,7 +58,7 @@ NTSTATUS NTAPI Keep(PVOID Context, PIRP Irp, ULONG, PVOID, ULONG, PVOID, ULONG, 
 NTSTATUS NTAPI Crash(PVOID Context, PIRP, ULONG, PVOID, ULONG, PVOID, ULONG, PULONG_PTR)
 {
     gAsked.push_back((const char *)Context);
-    *(volatile int *)nullptr = 1;
+    (void)*(volatile const int *)UnreadablePage();
     return STATUS_SUCCESS;
 }
 

@@ -9,7 +9,17 @@
 
 using hktest::WaitUntil;
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 namespace {
+
+/* A page that faults when read: the fault the handlers below take on purpose. */
+const int *UnreadablePage()
+{
+    static void *page = mmap(nullptr, sysconf(_SC_PAGESIZE), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return (const int *)page;
+}
 
 const ULONG TimerPoolTag = nftest::PoolTag("NfSA");
 
@@ -45,7 +55,7 @@ BOOLEAN NTAPI Record(PFilterDriver Driver, PVOID DriverContext, PFilterTimer Tim
 BOOLEAN NTAPI Fault(PFilterDriver, PVOID, PFilterTimer, PVOID TimerContext)
 {
     ((Observed *)TimerContext)->runs++;
-    *(volatile int *)nullptr = 1;
+    (void)*(volatile const int *)UnreadablePage();
     return TRUE;
 }
 

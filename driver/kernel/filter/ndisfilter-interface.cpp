@@ -30,9 +30,12 @@ inline PVOID BlockOf(Reference *Ref)
     return (PVOID)(Ref + 1);
 }
 
+/* The leading length word of a block, which need not be aligned. */
 inline USHORT BlockLength(const VOID *Block)
 {
-    return *(const USHORT UNALIGNED *)Block;
+    USHORT length;
+    RtlCopyMemory(&length, Block, sizeof(length));
+    return length;
 }
 
 /* Tags are cleared before a record is freed, so a stale handle fails its check while the memory lasts. */
@@ -138,8 +141,9 @@ EXTERN_C FILTER_STATUS NTAPI Filter_RegisterInterface(PFilterDriver FilterDriver
             if (item == NULL)
                 return status; /* success with no handle: callers test the handle */
             RtlZeroMemory(item, size);
-            PCHAR characters = (PCHAR)(item + 1);
-            item->m_pInterface = characters + name.Length + 1;
+            /* The block copy first, where it is aligned, then the name. */
+            item->m_pInterface = item + 1;
+            PCHAR characters = (PCHAR)(item + 1) + blockLength;
             code = FilterGuard([&] {
                 RtlCopyMemory(characters, name.Buffer, name.Length);
                 RtlCopyMemory(item->m_pInterface, Block, blockLength);
@@ -148,7 +152,7 @@ EXTERN_C FILTER_STATUS NTAPI Filter_RegisterInterface(PFilterDriver FilterDriver
                 NdisFilter_FreeRecord(item);
             } else {
                 /* The copy's own length word is the one the framework uses from now on. */
-                *(USHORT UNALIGNED *)item->m_pInterface = blockLength;
+                *(PUSHORT)item->m_pInterface = blockLength;
                 item->m_InterfaceName.Buffer = characters;
                 item->m_InterfaceName.Length = name.Length;
                 item->m_InterfaceName.MaximumLength = (USHORT)(name.Length + 1);

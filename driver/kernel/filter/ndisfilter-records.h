@@ -52,7 +52,7 @@ struct _IoCtrlHandler {
     PVOID m_pIoCtrlContext;
 };
 
-/* A named interface published by one client driver; its name and block copy follow the record. */
+/* A named interface published by one client driver; its block copy, then its name, follow the record. */
 struct _FilterInterface {
     LIST_ENTRY m_ListEntry;
     ULONG m_Tag; /* FILTER_INTERFACE_TAG */
