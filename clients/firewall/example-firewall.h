@@ -9,8 +9,11 @@
  *   tcp | udp | icmp          the IP protocol; or: proto <0..255>
  *   [src|dst] port <0..65535> a TCP or UDP port (either side without src/dst)
  *   [src|dst] host <a.b.c.d>  an IPv4 address (either side without src/dst)
+ *   unsolicited               only incoming packets that are not replies to a
+ *                             flow the host opened, as the flow tracker's
+ *                             interface tells (all of them while it is not loaded)
  *
- * Example: "udp dst port 9999; in icmp src host 10.0.0.2". Only IPv4 packets
+ * Example: "udp dst port 9999; in icmp src host 10.0.0.2; tcp unsolicited". Only IPv4 packets
  * are discarded; a port term never matches a fragment without the transport
  * header. The first rule that matches discards the packet and counts it.
  * Without the value the default rule set EXAMPLE_FIREWALL_DEFAULT_RULES
@@ -38,6 +41,8 @@ typedef struct _EXAMPLE_FIREWALL_RULE_COUNTERS {
 
 typedef struct _EXAMPLE_FIREWALL_COUNTERS {
     ULONG RuleCount;
+    ULONG FlowInterface; /* 1 while it holds the flow tracker's interface */
+    ULONG Replies;       /* packets the flow tracker called replies */
     ULONG Inspected[EXAMPLE_CHAIN_COUNT]; /* packets that reached the firewall, per chain */
     ULONG Discarded[EXAMPLE_CHAIN_COUNT];
     EXAMPLE_FIREWALL_RULE_COUNTERS Rules[EXAMPLE_FIREWALL_MAX_RULES];

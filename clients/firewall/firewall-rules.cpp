@@ -84,6 +84,9 @@ BOOLEAN ParseRule(TextCursor *Cursor, Rule *R, BOOLEAN *Empty)
                 return FALSE;
             R->PortSide = side != SideNone ? side : (UCHAR)SideEither;
             R->Port = (USHORT)value;
+        } else if (WordIs(word, "unsolicited")) {
+            R->Unsolicited = TRUE;
+            R->Chains |= FIREWALL_CHAIN_BIT(EXAMPLE_CHAIN_INCOMING);
         } else if (WordIs(word, "host")) {
             if (R->HostSide != SideNone || !ParseAddress(example::NextWord(Cursor), &R->Host))
                 return FALSE;
@@ -105,6 +108,7 @@ BOOLEAN SideMatches(UCHAR Side, ULONG Wanted, ULONG Source, ULONG Destination)
 BOOLEAN ParseRules(example::TextCursor Text, RuleSet *Set, PULONG BadRule)
 {
     Set->Count = 0;
+    Set->AsksFlows = FALSE;
     *BadRule = 0;
     ULONG number = 0;
     Rule overflow; /* where a rule beyond the last slot is parsed, to tell an empty one */
@@ -123,6 +127,7 @@ BOOLEAN ParseRules(example::TextCursor Text, RuleSet *Set, PULONG BadRule)
                 rule->Chains = FIREWALL_ALL_CHAINS;
             TextCursor own = {start.Next, Text.Next};
             KeepText(rule, own);
+            Set->AsksFlows |= rule->Unsolicited;
             Set->Count++;
         }
         if (!Text.AtEnd())
@@ -131,9 +136,11 @@ BOOLEAN ParseRules(example::TextCursor Text, RuleSet *Set, PULONG BadRule)
     return TRUE;
 }
 
-BOOLEAN Matches(const Rule &R, const EXAMPLE_IP_FIELDS &Fields, ULONG Chain)
+BOOLEAN Matches(const Rule &R, const EXAMPLE_IP_FIELDS &Fields, ULONG Chain, BOOLEAN Reply)
 {
     if ((R.Chains & FIREWALL_CHAIN_BIT(Chain)) == 0)
+        return FALSE;
+    if (R.Unsolicited && (Chain != EXAMPLE_CHAIN_INCOMING || Reply))
         return FALSE;
     if (R.HasProtocol && Fields.Protocol != R.Protocol)
         return FALSE;

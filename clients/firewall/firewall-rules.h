@@ -32,12 +32,14 @@ struct Rule {
     USHORT Port;
     UCHAR HostSide;
     ULONG Host; /* network order */
+    BOOLEAN Unsolicited; /* only incoming packets that are not replies to a flow the host opened */
     volatile LONG Matches[EXAMPLE_CHAIN_COUNT];
     CHAR Text[EXAMPLE_FIREWALL_RULE_TEXT];
 };
 
 struct RuleSet {
     ULONG Count;
+    BOOLEAN AsksFlows; /* a rule needs to know whether a packet is a reply */
     Rule Rules[EXAMPLE_FIREWALL_MAX_RULES];
 };
 
@@ -48,7 +50,10 @@ struct RuleSet {
  */
 BOOLEAN ParseRules(example::TextCursor Text, RuleSet *Set, PULONG BadRule);
 
-/* Matches - whether every term of `R` holds for the packet in `Chain`. */
-BOOLEAN Matches(const Rule &R, const EXAMPLE_IP_FIELDS &Fields, ULONG Chain);
+/*
+ * Matches - whether every term of `R` holds for the packet in `Chain`;
+ * `Reply` tells whether it belongs to a flow the host opened.
+ */
+BOOLEAN Matches(const Rule &R, const EXAMPLE_IP_FIELDS &Fields, ULONG Chain, BOOLEAN Reply);
 
 } // namespace firewall

@@ -3,9 +3,13 @@
  * address or port, first in line in the incoming and the outgoing chain,
  * and counts what each rule discarded. The rules are read from the service
  * key at load (example-firewall.h); the counters are read through the
- * exported ExampleFirewall_GetCounters.
+ * exported ExampleFirewall_GetCounters. Rules with the term "unsolicited"
+ * ask the flow tracker's named interface whether a packet is a reply: the
+ * firewall queries it when it is published and lets it go when told it is
+ * being withdrawn.
  */
 #include "firewall-rules.h"
+#include "example-flow-tracker.h"
 #include "example-registration.h"
 
 namespace {
@@ -15,9 +19,78 @@ struct Firewall {
     firewall::RuleSet Rules;
     volatile LONG Inspected[EXAMPLE_CHAIN_COUNT];
     volatile LONG Discarded[EXAMPLE_CHAIN_COUNT];
+    volatile LONG Replies;
+    PIfEventHandler InterfaceEvents;
+    NDIS_RW_LOCK FlowLock;              /* guards Flows: the packet path reads, events write */
+    PEXAMPLE_FLOW_INTERFACE Flows;      /* our copy of the tracker's interface, or NULL */
 };
 
 Firewall State;
+
+/* Whether an incoming packet is a reply to a flow the host opened, as the flow tracker says. */
+BOOLEAN IsReply(Firewall *firewall, const EXAMPLE_IP_FIELDS &Fields)
+{
+    LOCK_STATE state;
+    NdisAcquireReadWriteLock(&firewall->FlowLock, FALSE, &state);
+    BOOLEAN reply = firewall->Flows != NULL &&
+                    firewall->Flows->IsReply(Fields.Protocol, Fields.Source, Fields.SourcePort, Fields.Destination,
+                                             Fields.DestinationPort);
+    NdisReleaseReadWriteLock(&firewall->FlowLock, &state);
+    if (reply)
+        InterlockedIncrement(&firewall->Replies);
+    return reply;
+}
+
+/* Takes a reference to the flow tracker's interface if it is published and none is held. IRQL <= DISPATCH_LEVEL. */
+VOID QueryFlows(Firewall *firewall)
+{
+    STRING name;
+    RtlInitAnsiString(&name, EXAMPLE_FLOW_TRACKER_INTERFACE);
+    PVOID block = NULL;
+    if (Filter_QueryInterface(firewall->Driver, &name, &block) != FILTER_STATUS_SUCCESS || block == NULL)
+        return;
+    PEXAMPLE_FLOW_INTERFACE flows = (PEXAMPLE_FLOW_INTERFACE)block;
+    BOOLEAN usable = flows->Length >= sizeof(EXAMPLE_FLOW_INTERFACE) &&
+                     flows->Version == EXAMPLE_FLOW_INTERFACE_VERSION && flows->IsReply != NULL;
+    LOCK_STATE state;
+    NdisAcquireReadWriteLock(&firewall->FlowLock, TRUE, &state);
+    if (usable && firewall->Flows == NULL) {
+        firewall->Flows = flows;
+        block = NULL;
+    }
+    NdisReleaseReadWriteLock(&firewall->FlowLock, &state);
+    if (block != NULL)
+        Filter_ReleaseInterface(firewall->Driver, block);
+}
+
+/* Gives the interface back; no packet uses it afterwards. IRQL <= DISPATCH_LEVEL. */
+VOID ReleaseFlows(Firewall *firewall)
+{
+    LOCK_STATE state;
+    NdisAcquireReadWriteLock(&firewall->FlowLock, TRUE, &state);
+    PEXAMPLE_FLOW_INTERFACE flows = firewall->Flows;
+    firewall->Flows = NULL;
+    NdisReleaseReadWriteLock(&firewall->FlowLock, &state);
+    if (flows != NULL)
+        Filter_ReleaseInterface(firewall->Driver, flows);
+}
+
+/* OnInterfaceEvent - the flow tracker's interface comes and goes. IRQL <= DISPATCH_LEVEL. */
+VOID NTAPI OnInterfaceEvent(PFilterDriver FilterDriver, PVOID DriverContext, ULONG Event, PVOID EventContext,
+                            PSTRING InterfaceName)
+{
+    UNREFERENCED_PARAMETER(FilterDriver);
+    UNREFERENCED_PARAMETER(EventContext);
+    STRING flowName;
+    RtlInitAnsiString(&flowName, EXAMPLE_FLOW_TRACKER_INTERFACE);
+    if (Filter_CompareString(InterfaceName, &flowName) != 0)
+        return;
+    Firewall *firewall = (Firewall *)DriverContext;
+    if (Event == FILTER_INTERFACE_REGISTERED)
+        QueryFlows(firewall);
+    else if (Event == FILTER_INTERFACE_DEREGISTERING)
+        ReleaseFlows(firewall);
+}
 
 /*
  * Inspect - the filter of both chains (FilterContext is the chain index):
@@ -35,9 +108,10 @@ FILTER_RESULT NTAPI Inspect(PFilterDriver FilterDriver, PVOID DriverContext, PPa
     EXAMPLE_IP_FIELDS fields;
     if (!example::ReadIpFields(Packet, &fields))
         return FILTER_RESULT_BYPASS;
+    BOOLEAN reply = chain == EXAMPLE_CHAIN_INCOMING && firewall->Rules.AsksFlows && IsReply(firewall, fields);
     for (ULONG i = 0; i < firewall->Rules.Count; i++) {
         firewall::Rule &rule = firewall->Rules.Rules[i];
-        if (firewall::Matches(rule, fields, chain)) {
+        if (firewall::Matches(rule, fields, chain, reply)) {
             InterlockedIncrement(&rule.Matches[chain]);
             InterlockedIncrement(&firewall->Discarded[chain]);
             return FILTER_RESULT_DISCARD;
@@ -72,12 +146,25 @@ BOOLEAN LoadRules(PUNICODE_STRING RegistryPath)
     return parsed;
 }
 
-/* FirewallUnload - deregistering the driver takes its filters out of the chains. IRQL = PASSIVE_LEVEL. */
+/*
+ * Withdraw - the interface event handler and the interface reference go
+ * first; deregistering the driver takes its filters out of the chains.
+ * IRQL = PASSIVE_LEVEL.
+ */
+VOID Withdraw(Firewall *firewall)
+{
+    if (firewall->InterfaceEvents != NULL)
+        Filter_DeregisterIfEventHandler(firewall->Driver, firewall->InterfaceEvents);
+    firewall->InterfaceEvents = NULL;
+    ReleaseFlows(firewall);
+    Filter_DeregisterDriver(firewall->Driver);
+    firewall->Driver = NULL;
+}
+
 VOID NTAPI FirewallUnload(PDRIVER_OBJECT DriverObject)
 {
     UNREFERENCED_PARAMETER(DriverObject);
-    Filter_DeregisterDriver(State.Driver);
-    State.Driver = NULL;
+    Withdraw(&State);
 }
 
 const EXAMPLE_PLACEMENT Placements[] = {
@@ -92,6 +179,8 @@ EXAMPLE_EXPORT VOID NTAPI ExampleFirewall_GetCounters(PEXAMPLE_FIREWALL_COUNTERS
 {
     RtlZeroMemory(Counters, sizeof(*Counters));
     Counters->RuleCount = State.Rules.Count;
+    Counters->FlowInterface = State.Flows != NULL ? 1 : 0;
+    Counters->Replies = (ULONG)State.Replies;
     for (ULONG chain = 0; chain < EXAMPLE_CHAIN_COUNT; chain++) {
         Counters->Inspected[chain] = (ULONG)State.Inspected[chain];
         Counters->Discarded[chain] = (ULONG)State.Discarded[chain];
@@ -112,6 +201,7 @@ EXAMPLE_EXPORT VOID NTAPI ExampleFirewall_GetCounters(PEXAMPLE_FIREWALL_COUNTERS
 EXTERN_C NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath)
 {
     RtlZeroMemory(&State, sizeof(State));
+    NdisInitializeReadWriteLock(&State.FlowLock);
     if (!LoadRules(RegistryPath))
         return STATUS_INVALID_PARAMETER;
 
@@ -119,6 +209,14 @@ EXTERN_C NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING
         ExampleRegister(EXAMPLE_FIREWALL_SERVICE_NAME, &State, Inspect, Placements, RTL_NUMBER_OF(Placements), &State.Driver);
     if (!NT_SUCCESS(status))
         return status;
+    /* Told when the flow tracker comes (or goes); it may also be there already. */
+    if (Filter_RegisterIfEventHandler(State.Driver, OnInterfaceEvent, NULL, &State.InterfaceEvents) !=
+            FILTER_STATUS_SUCCESS ||
+        State.InterfaceEvents == NULL) {
+        Withdraw(&State);
+        return STATUS_UNSUCCESSFUL;
+    }
+    QueryFlows(&State);
     DriverObject->DriverUnload = FirewallUnload;
     return STATUS_SUCCESS;
 }

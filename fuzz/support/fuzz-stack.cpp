@@ -5,6 +5,7 @@
 #include <ndishook.h>
 
 #include "example-firewall.h"
+#include "example-flow-tracker.h"
 #include "example-injector.h"
 #include "example-tap.h"
 
@@ -43,11 +44,12 @@ struct Stack {
     std::vector<std::string> Names;
     std::vector<PFilterAdapter> Adapters;
     std::vector<ULONG> Ids;
-    Client Clients[4] = {
+    Client Clients[5] = {
         {NF_FUZZ_FIREWALL_IMAGE, EXAMPLE_FIREWALL_SERVICE_NAME, nullptr},
         {NF_FUZZ_INJECTOR_IMAGE, EXAMPLE_INJECTOR_SERVICE_NAME, nullptr},
         {NF_FUZZ_TAP_IMAGE, EXAMPLE_TAP_SERVICE_NAME, nullptr},
         {NF_FUZZ_EXAMPLE_FILTER_IMAGE, "ExampleFilter", nullptr},
+        {NF_FUZZ_FLOW_TRACKER_IMAGE, EXAMPLE_FLOW_TRACKER_SERVICE_NAME, nullptr},
     };
 };
 
@@ -72,7 +74,7 @@ void PrintFindingsAndTrace()
 /* At exit: unload in reverse order; the unload's own findings (leaks) fail the run. */
 void UnloadStack()
 {
-    for (int i = 3; i >= 0; i--)
+    for (int i = (int)(sizeof(g_stack.Clients) / sizeof(g_stack.Clients[0])) - 1; i >= 0; i--)
         if (g_stack.Clients[i].Driver != nullptr)
             HkUnloadDriver(g_stack.Clients[i].Driver);
     if (g_stack.Hook != nullptr)
@@ -149,6 +151,9 @@ void LoadStack(const StackOptions &options)
         HkRegistrySetDword(Key(EXAMPLE_INJECTOR_SERVICE_NAME).c_str(), EXAMPLE_INJECTOR_PROTOCOL_VALUE, 1);
         HkRegistrySetString(Key(EXAMPLE_TAP_SERVICE_NAME).c_str(), EXAMPLE_TAP_PORTS_VALUE, "53,8080");
         HkRegistryCreateKey(Key("ExampleFilter").c_str());
+        /* Flows age out every 10 ms once idle, so the table keeps changing under the frames. */
+        HkRegistrySetDword(Key(EXAMPLE_FLOW_TRACKER_SERVICE_NAME).c_str(), EXAMPLE_FLOW_TRACKER_IDLE_VALUE, 0);
+        HkRegistrySetDword(Key(EXAMPLE_FLOW_TRACKER_SERVICE_NAME).c_str(), EXAMPLE_FLOW_TRACKER_PERIOD_VALUE, 10);
         for (Client &client : g_stack.Clients) {
             status = HkLoadDriverImage(client.Image, client.Service, &client.Driver);
             if (!NT_SUCCESS(status))

@@ -4,7 +4,9 @@
 // first timer. When a timer is due the thread takes it out of the queue (a
 // periodic one goes back in for its next period first), then runs the routine
 // at DISPATCH_LEVEL outside the queue's lock, so a routine may set or cancel
-// timers, its own included. Routines run one at a time.
+// timers, its own included. Routines run one at a time. A routine taken off
+// the queue runs even when its timer is cancelled meanwhile, as a DPC that is
+// already queued does; KeFlushQueuedDpcs waits for such routines.
 #include "internal.h"
 
 #include <chrono>
@@ -30,6 +32,9 @@ struct TimerQueue {
     std::condition_variable changed; // a timer was set: the earliest due time may be sooner
     std::unordered_map<PNDIS_TIMER, Armed> armed;
     bool serving = false; // the timer thread has been started
+    unsigned long long taken = 0;    // routines taken off the queue
+    unsigned long long finished = 0; // routines that have returned
+    std::condition_variable ran;     // `finished` went up
 };
 
 // Never destroyed: the timer thread runs until the process ends.
@@ -79,9 +84,12 @@ void ServeTimers()
             next->second.due += next->second.period;
         else
             queue.armed.erase(next);
+        ++queue.taken;
         lock.unlock();
         RunRoutine(timer, routine, context);
         lock.lock();
+        ++queue.finished;
+        queue.ran.notify_all();
     }
 }
 
@@ -171,6 +179,16 @@ VOID NTAPI NdisSetPeriodicTimer(PNDIS_TIMER Timer, UINT MillisecondsPeriod)
         return;
     }
     Arm(Timer, MillisecondsPeriod, MillisecondsPeriod);
+}
+
+// Waits for every routine taken off the queue before the call. IRQL == PASSIVE_LEVEL.
+VOID NTAPI KeFlushQueuedDpcs(VOID)
+{
+    RequireIrqlAtMost(PASSIVE_LEVEL, "KeFlushQueuedDpcs");
+    TimerQueue &queue = Queue();
+    std::unique_lock<std::mutex> lock(queue.lock);
+    const unsigned long long target = queue.taken;
+    queue.ran.wait(lock, [&] { return queue.finished >= target; });
 }
 
 // Takes the timer out of the queue; *TimerCancelled tells whether it was

@@ -21,6 +21,11 @@ if [[ $status -ne 0 ]] || ! grep -qx 'result: clean' "$summary"; then
     exit 1
 fi
 
+if ! grep -Eq '^flows: [1-9][0-9]* in the table, [1-9][0-9]* listed by IOCTL_EXAMPLE_FLOW_TRACKER_LIST_FLOWS$' "$summary"; then
+    echo "FAIL: the summary does not show the flow tracker's table" >&2
+    exit 1
+fi
+
 mapfile -t captures < <(sed -n 's/^pcap \(.*\): \([0-9]*\) frames$/\2 \1/p' "$summary")
 if ((${#captures[@]} < 3)); then
     echo "FAIL: expected the wire, protocols and application captures, found ${#captures[@]}" >&2

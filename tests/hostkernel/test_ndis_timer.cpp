@@ -134,8 +134,18 @@ TEST_F(NdisTimerTest, CancelDoesNotWaitForARoutineThatIsRunning)
     NdisCancelTimer(&timer, &cancelled); // returns although the routine is still inside
     EXPECT_FALSE(cancelled);
     EXPECT_TRUE(observed.inside);
+
+    // KeFlushQueuedDpcs does wait for it.
+    std::atomic<bool> flushed{false};
+    std::thread flusher([&] {
+        KeFlushQueuedDpcs();
+        flushed = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_FALSE(flushed);
     observed.hold = false;
-    EXPECT_TRUE(WaitUntil([&] { return observed.runs == 1; }));
+    flusher.join();
+    EXPECT_EQ(1, observed.runs);
 }
 
 // A routine that sets its own timer again until it has run three times.

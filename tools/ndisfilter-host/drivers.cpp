@@ -52,6 +52,7 @@ void WriteClientSettings(const Options &options)
         HkRegistrySetString(collector.c_str(), EXAMPLE_COLLECTOR_ADDRESS_VALUE, options.CollectorAddress.c_str());
         HkRegistrySetDword(collector.c_str(), EXAMPLE_COLLECTOR_PORT_VALUE, options.CollectorPort);
     }
+    HkRegistryCreateKey(ServiceKey(EXAMPLE_FLOW_TRACKER_SERVICE_NAME).c_str());
 
     std::string tap = ServiceKey(EXAMPLE_TAP_SERVICE_NAME);
     HkRegistryCreateKey(tap.c_str());
@@ -135,14 +136,18 @@ bool DriverStack::ReadCounters(ClientCounters *counters, std::string *error) con
     auto firewall = (PEXAMPLE_FIREWALL_GET_COUNTERS)FindExport(NF_HOST_FIREWALL_IMAGE, EXAMPLE_FIREWALL_GET_COUNTERS);
     auto injector = (PEXAMPLE_INJECTOR_GET_COUNTERS)FindExport(NF_HOST_INJECTOR_IMAGE, EXAMPLE_INJECTOR_GET_COUNTERS);
     auto tap = (PEXAMPLE_TAP_GET_COUNTERS)FindExport(NF_HOST_TAP_IMAGE, EXAMPLE_TAP_GET_COUNTERS);
+    auto flows = (PEXAMPLE_FLOW_TRACKER_GET_COUNTERS)FindExport(NF_HOST_FLOW_TRACKER_IMAGE,
+                                                                EXAMPLE_FLOW_TRACKER_GET_COUNTERS);
     auto monitor = (PEXAMPLE_MONITOR_GET_COUNTERS)FindExport(NF_HOST_MONITOR_IMAGE, EXAMPLE_MONITOR_GET_COUNTERS);
-    if (firewall == nullptr || injector == nullptr || tap == nullptr || monitor == nullptr) {
+    if (firewall == nullptr || injector == nullptr || tap == nullptr || monitor == nullptr ||
+        flows == nullptr) {
         *error = "a client's counter function is missing";
         return false;
     }
     firewall(&counters->Firewall);
     injector(&counters->Injector);
     tap(&counters->Tap);
+    flows(&counters->FlowTracker);
     monitor(&counters->Monitor);
     counters->HaveCollector = false;
     if (m_collector != nullptr) {

@@ -11,6 +11,7 @@
 
 #include "example-collector.h"
 #include "example-firewall.h"
+#include "example-flow-tracker.h"
 #include "example-injector.h"
 #include "example-monitor.h"
 #include "example-tap.h"
@@ -27,6 +28,7 @@ struct ClientCounters {
     EXAMPLE_MONITOR_COUNTERS Monitor;
     bool HaveCollector;
     EXAMPLE_COLLECTOR_COUNTERS Collector;
+    EXAMPLE_FLOW_TRACKER_COUNTERS FlowTracker;
 };
 
 class DriverStack {
@@ -55,11 +57,13 @@ private:
     PDRIVER_OBJECT m_framework = nullptr;
     PDRIVER_OBJECT m_hook = nullptr;
     PDRIVER_OBJECT m_collector = nullptr; /* loaded only with --collector */
-    Client m_clients[4] = {
+    /* The firewall first: it hears of the flow tracker's interface when the tracker publishes it. */
+    Client m_clients[5] = {
         {NF_HOST_FIREWALL_IMAGE, EXAMPLE_FIREWALL_SERVICE_NAME, nullptr},
         {NF_HOST_INJECTOR_IMAGE, EXAMPLE_INJECTOR_SERVICE_NAME, nullptr},
         {NF_HOST_TAP_IMAGE, EXAMPLE_TAP_SERVICE_NAME, nullptr},
         {NF_HOST_MONITOR_IMAGE, EXAMPLE_MONITOR_SERVICE_NAME, nullptr},
+        {NF_HOST_FLOW_TRACKER_IMAGE, EXAMPLE_FLOW_TRACKER_SERVICE_NAME, nullptr},
     };
 };
 

@@ -25,6 +25,7 @@
 #include "application.h"
 #include "capture-logs.h"
 #include "drivers.h"
+#include "flows.h"
 #include "options.h"
 #include "report.h"
 
@@ -182,6 +183,9 @@ void RunTraffic(const host::Options &options, host::DriverStack &drivers, Adapte
 
     report->HaveCounters = drivers.ReadCounters(&report->Counters, &error);
     if (!report->HaveCounters)
+        report->Problems.push_back(error);
+    report->HaveFlows = host::ListFlows(&report->Flows, &error);
+    if (!report->HaveFlows)
         report->Problems.push_back(error);
 
     const int64_t now = (int64_t)std::time(nullptr);

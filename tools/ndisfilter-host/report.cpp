@@ -166,6 +166,18 @@ void PrintTraffic(const RunReport &report)
         }
     }
 
+    if (report.HaveCounters) {
+        const EXAMPLE_FLOW_TRACKER_COUNTERS &f = report.Counters.FlowTracker;
+        std::printf("flow tracker: inspected in %u / out %u; %u flows (%u created, %u aged, %u packets untracked); "
+                    "firewall %s its interface, %u replies\n",
+                    (unsigned)f.Inspected[In], (unsigned)f.Inspected[Out], (unsigned)f.Flows, (unsigned)f.Created,
+                    (unsigned)f.Aged, (unsigned)f.Untracked,
+                    report.Counters.Firewall.FlowInterface ? "holds" : "does not hold",
+                    (unsigned)report.Counters.Firewall.Replies);
+    }
+    if (report.HaveFlows)
+        PrintFlows(report.Flows);
+
     if (report.ApplicationStarted) {
         const ApplicationSide::Statistics &a = report.Application;
         std::printf("application ring: sent %llu blocks (%llu to the protocols, %llu to the wire, %llu looped back) "

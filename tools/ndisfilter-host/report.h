@@ -7,6 +7,7 @@
 #include "adapters.h"
 #include "application.h"
 #include "drivers.h"
+#include "flows.h"
 
 #include <string>
 #include <utility>
@@ -32,6 +33,8 @@ struct RunReport {
     int64_t CaptureLogsStopped = 0;
     std::vector<std::string> Problems;                    /* anything that makes the run unclean */
     std::vector<std::string> Findings;                    /* the runtime's verifier findings */
+    bool HaveFlows = false;
+    FlowTable Flows; /* the flow tracker's table, through its control request */
 };
 
 /*

@@ -178,7 +178,7 @@ VOID DumpLookaside(const NPAGED_LOOKASIDE_LIST *list)
 VOID DumpIoControlHandlers(NdisFilterDeviceExtension *global)
 {
     DumpLinks("m_IoCtrlHandlerList", &global->m_IoCtrlHandlerList);
-    NfReadLock lock(&global->m_IoCtrlHandlerLock);
+    NfSharedPassiveLock lock(&global->m_IoCtrlHandlerLock);
     PLIST_ENTRY head = &global->m_IoCtrlHandlerList;
     for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
         IoCtrlHandler *handler = CONTAINING_RECORD(link, IoCtrlHandler, m_ListEntry);

@@ -251,11 +251,23 @@ VOID ReplyDrivers()
 
 VOID ReplyTimers()
 {
+    NfReadLock lock(&g_pGlobal->m_FilterTimerLock);
+    PLIST_ENTRY head = &g_pGlobal->m_FilterTimerList;
+    for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
+        const FilterTimer *timer = CONTAINING_RECORD(link, FilterTimer, m_ListEntry);
+        Reply("- pFilterTimer = 0x%p\n", (PVOID)timer);
+        Reply("  - m_hFilterDriver = 0x%p\n", (PVOID)timer->m_hFilterDriver);
+        Reply("  - m_pDriverContext = 0x%p\n", timer->m_pDriverContext);
+        Reply("  - m_pfTimerProc = 0x%p\n", (PVOID)timer->m_pfTimerProc);
+        Reply("  - m_pTimerContext = 0x%p\n", timer->m_pTimerContext);
+        Reply("  - m_bRepeatTimer = %s\n", TrueFalse(timer->m_bRepeatTimer));
+        Reply("  - m_MsToDelay = %d\n", (int)timer->m_MsToDelay);
+    }
 }
 
 VOID ReplyIoControlHandlers()
 {
-    NfReadLock lock(&g_pGlobal->m_IoCtrlHandlerLock);
+    NfSharedPassiveLock lock(&g_pGlobal->m_IoCtrlHandlerLock);
     PLIST_ENTRY head = &g_pGlobal->m_IoCtrlHandlerList;
     for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
         IoCtrlHandler *handler = CONTAINING_RECORD(link, IoCtrlHandler, m_ListEntry);

@@ -173,8 +173,26 @@ VOID RemovePacketFilters(PFilterDriver Driver)
 }
 
 /*
- * An interface nobody references is freed; one that others still reference
- * stays listed but inactive, and its references are marked invalid.
+ * Under an interface's own lock: frees the references `Driver` holds to it.
+ * TRUE when that left an interface its owner had withdrawn unreferenced.
+ */
+BOOLEAN DropReferencesOf(FilterInterface *Item, PFilterDriver Driver)
+{
+    NfWriteLock references(&Item->m_Lock);
+    BOOLEAN dropped = FALSE;
+    NdisFilter_RemoveOwnedRecords(&Item->m_ReferenceList, &FilterInterfaceReference::m_hFilterDriver, Driver,
+                                  [&](FilterInterfaceReference *ref) {
+                                      ref->m_Tag = 0;
+                                      dropped = TRUE;
+                                  });
+    return dropped && !Item->m_bActive && !Item->m_bDeregistering && IsListEmpty(&Item->m_ReferenceList);
+}
+
+/*
+ * An interface of the driver that nobody references is freed; one that
+ * others still reference stays listed but inactive, and its references are
+ * marked invalid. The references the driver holds to other drivers'
+ * interfaces go too, and with the last one an interface its owner withdrew.
  */
 VOID RemoveInterfaces(PFilterDriver Driver)
 {
@@ -184,19 +202,24 @@ VOID RemoveInterfaces(PFilterDriver Driver)
     while (link != head) {
         PLIST_ENTRY next = link->Flink;
         FilterInterface *item = CONTAINING_RECORD(link, FilterInterface, m_ListEntry);
-        if (item->m_hFilterDriver == Driver) {
-            if (!IsListEmpty(&item->m_ReferenceList)) {
-                {
-                    NfWriteLock references(&item->m_Lock);
-                    PLIST_ENTRY refHead = &item->m_ReferenceList;
-                    for (PLIST_ENTRY ref = refHead->Flink; ref != refHead; ref = ref->Flink)
-                        CONTAINING_RECORD(ref, FilterInterfaceReference, m_ListEntry)->m_bValid = FALSE;
-                }
-                item->m_bActive = FALSE;
-            } else {
-                RemoveEntryList(link);
-                NdisFilter_FreeRecord(item);
+        BOOLEAN free = FALSE;
+        if (item->m_hFilterDriver != Driver) {
+            free = DropReferencesOf(item, Driver);
+        } else if (!IsListEmpty(&item->m_ReferenceList)) {
+            {
+                NfWriteLock references(&item->m_Lock);
+                PLIST_ENTRY refHead = &item->m_ReferenceList;
+                for (PLIST_ENTRY ref = refHead->Flink; ref != refHead; ref = ref->Flink)
+                    CONTAINING_RECORD(ref, FilterInterfaceReference, m_ListEntry)->m_bValid = FALSE;
             }
+            item->m_bActive = FALSE;
+        } else {
+            free = TRUE;
+        }
+        if (free) {
+            RemoveEntryList(link);
+            item->m_Tag = 0;
+            NdisFilter_FreeRecord(item);
         }
         link = next;
     }
@@ -204,9 +227,9 @@ VOID RemoveInterfaces(PFilterDriver Driver)
 
 VOID RemoveIoCtrlHandlers(PFilterDriver Driver)
 {
-    NfWriteLock lock(&g_pGlobal->m_IoCtrlHandlerLock);
+    NfExclusivePassiveLock lock(&g_pGlobal->m_IoCtrlHandlerLock);
     NdisFilter_RemoveOwnedRecords(&g_pGlobal->m_IoCtrlHandlerList, &IoCtrlHandler::m_hFilterDriver, Driver,
-                                  [](IoCtrlHandler *) {});
+                                  [](IoCtrlHandler *handler) { handler->m_Tag = 0; });
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #pragma once
 
 #include "ndisfilter-trace.h"
+#include "ndisfilter-passive-lock.h"
 
 struct _FilterDriver;
 
@@ -127,7 +128,7 @@ typedef struct _NdisFilterDeviceExtension {
     KEVENT m_WorkItemsDoneEvent;
 
     /* IOCTL handlers and diagnostics */
-    NDIS_RW_LOCK m_IoCtrlHandlerLock;
+    NfPassiveLock m_IoCtrlHandlerLock; /* held shared while handlers run, at PASSIVE_LEVEL */
     LIST_ENTRY m_IoCtrlHandlerList;
     volatile LONG m_bDiagInProgress;
 
@@ -188,6 +189,17 @@ VOID NdisFilter_DeliverAdapterEvent(PCSTR CallerName, ULONG Event, PFilterAdapte
 
 /* ---- timers (ndisfilter-timer.cpp) ---- */
 VOID NdisFilter_RemoveDriverTimers(struct _FilterDriver *Driver);
+/* At teardown: ends every timer and lets the work items still queued free the last ones. */
+VOID NdisFilter_CancelTimers(VOID);
+
+/* ---- IOCTL handlers of client drivers (ndisfilter-ioctl-handler.cpp) ---- */
+/*
+ * Offers a request no one else claimed to the handlers in registration
+ * order. *Status is STATUS_NOT_SUPPORTED on entry; the first other answer
+ * is kept with the bytes it reports (bounded by OutputLength).
+ */
+VOID NdisFilter_OfferToIoCtrlHandlers(PIRP Irp, ULONG Code, PVOID Input, ULONG InputLength, PVOID Output,
+                                      ULONG OutputLength, NTSTATUS *Status, ULONG *Information);
 
 /* ---- hook callbacks handed to the hook driver ---- */
 EXTERN_C NTSTATUS NTAPI NdisFilter_AdapterOpened(PFilterAdapter Adapter);

@@ -3,8 +3,8 @@
  *
  * The framework's own codes are buffered: input and output share one system
  * buffer, so a request that writes output overwrites its input. Codes it does
- * not know go to the hook driver's handler with the buffers their transfer
- * type gives.
+ * not know go to the hook driver's handler, then to the client drivers'
+ * handlers, with the buffers their transfer type gives.
  */
 #include "precomp.h"
 #include "ndisfilter-global.h"
@@ -232,10 +232,22 @@ VOID OfferToHookDriver(ControlRequest &Request)
         Request.Information = returned < outputLength ? returned : outputLength;
 }
 
+/* Then to the client drivers' handlers, with the same buffers. */
+VOID OfferToClientDrivers(ControlRequest &Request)
+{
+    PVOID input, output;
+    ULONG inputLength, outputLength;
+    RequestBuffers(Request, &input, &inputLength, &output, &outputLength);
+    NdisFilter_OfferToIoCtrlHandlers(Request.Irp, Request.Code, input, inputLength, output, outputLength,
+                                     &Request.Status, &Request.Information);
+}
+
 /* Offers a code the framework does not answer itself to the hook driver, then to the client drivers' handlers. */
 VOID OfferUnknownCode(ControlRequest &Request)
 {
     OfferToHookDriver(Request);
+    if (Request.Status == STATUS_NOT_SUPPORTED)
+        OfferToClientDrivers(Request);
 }
 
 } // namespace

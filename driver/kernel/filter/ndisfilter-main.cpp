@@ -271,7 +271,7 @@ EXTERN_C VOID NdisFilterInitialize(VOID)
     global->m_dwTickIncrement = KeQueryTimeIncrement();
     NF_TRACE(NF_DBG_CORE, "  Filter Timer list Initialized\n");
 
-    NdisInitializeReadWriteLock(&global->m_IoCtrlHandlerLock);
+    NdisFilter_InitializePassiveLock(&global->m_IoCtrlHandlerLock);
     InitializeListHead(&global->m_IoCtrlHandlerList);
     NF_TRACE(NF_DBG_CORE, "  IOCTL handler list Initialized\n");
     global->m_bDiagInProgress = 0;
@@ -301,7 +301,7 @@ EXTERN_C VOID NdisFilterDeInitialize(VOID)
     FreeInterfaces(&global->m_InterfaceList);
     FreeRecordList(&global->m_IfEventHandlerList);
     NdisFilter_DeleteEventQueue();
-    FreeRecordList(&global->m_FilterTimerList);
+    NdisFilter_CancelTimers();
     FreeRecordList(&global->m_IoCtrlHandlerList);
     NdisFilter_CloseAllEthrLogs();
     NdisFilter_WaitForWorkItems();

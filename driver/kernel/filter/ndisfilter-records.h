@@ -44,11 +44,7 @@ struct _EventHandler {
 };
 
 /* A handler of user-mode control requests; at most one per filter driver. */
-typedef NTSTATUS (NTAPI *PFILTER_IOCTL_PROC)(PVOID Context, PIRP Irp, ULONG IoControlCode, PVOID InputBuffer,
-                                            ULONG InputLength, PVOID OutputBuffer, ULONG OutputLength,
-                                            PULONG_PTR BytesReturned);
-
-struct IoCtrlHandler {
+struct _IoCtrlHandler {
     LIST_ENTRY m_ListEntry;
     ULONG m_Tag; /* FILTER_IOCTL_HANDLER_TAG */
     PFilterDriver m_hFilterDriver;
@@ -56,8 +52,8 @@ struct IoCtrlHandler {
     PVOID m_pIoCtrlContext;
 };
 
-/* A named interface published by one client driver; its name and block copy follow the record. */
-struct FilterInterface {
+/* A named interface published by one client driver; its block copy, then its name, follow the record. */
+struct _FilterInterface {
     LIST_ENTRY m_ListEntry;
     ULONG m_Tag; /* FILTER_INTERFACE_TAG */
     STRING m_InterfaceName;
@@ -69,12 +65,47 @@ struct FilterInterface {
     LIST_ENTRY m_ReferenceList;
 };
 
+/* A driver told of interfaces coming and going; at most one per filter driver. */
+struct _IfEventHandler {
+    LIST_ENTRY m_ListEntry;
+    ULONG m_Tag; /* FILTER_IF_EVENT_HANDLER_TAG */
+    PFilterDriver m_hFilterDriver;
+    PVOID m_pDriverContext;
+    PFILTER_IF_EVENT_PROC m_pfEventProc;
+    PVOID m_pEventContext;
+};
+
+/*
+ * A timer of a client driver. The NDIS timer's routine queues the client's
+ * callback as a work item; each queued work item and the timer list hold a
+ * reference, and the record is freed with the last one, so no work item
+ * ever finds it gone. m_StateLock orders arming against expiry.
+ */
+struct _FilterTimer {
+    LIST_ENTRY m_ListEntry;
+    ULONG m_Tag; /* FILTER_TIMER_TAG */
+    NDIS_TIMER m_NdisTimer;
+    PFilterDriver m_hFilterDriver;
+    PVOID m_pDriverContext;
+    PFILTER_TIMER_PROC m_pfTimerProc;
+    PVOID m_pTimerContext;
+    BOOLEAN m_bRepeatTimer;
+    ULONG m_MsToDelay;
+    volatile LONG m_nPending; /* callbacks queued and not yet finished */
+    KEVENT m_CompletionEvent; /* set when m_nPending falls to 0 */
+    KSPIN_LOCK m_StateLock;
+    LONG m_nExpiries;   /* expiries still wanted (under m_StateLock) */
+    BOOLEAN m_bEnded;   /* never armed again (under m_StateLock) */
+    volatile LONG m_bSilenced; /* queued callbacks are dropped: the owner has left */
+    volatile LONG m_nReferences;
+};
+
 /* A reference to an interface held by the driver that queried it; the caller holds m_Interface's address. */
 struct FilterInterfaceReference {
     LIST_ENTRY m_ListEntry;
     ULONG m_Tag; /* FILTER_INTERFACE_REF_TAG */
     PFilterDriver m_hFilterDriver;
-    FilterInterface *m_pFilterInterface;
+    PFilterInterface m_pFilterInterface;
     BOOLEAN m_bValid;
     /* the copy of the interface block follows */
 };

@@ -118,6 +118,10 @@ typedef struct _WORK_QUEUE_ITEM {
  * queued again before its routine has started. IRQL <= DISPATCH_LEVEL. */
 NTKERNELAPI VOID NTAPI ExQueueWorkItem(PWORK_QUEUE_ITEM WorkItem, WORK_QUEUE_TYPE QueueType);
 
+/* Returns once every deferred procedure call queued before the call has run to its end (on
+ * the host: every NDIS timer routine already taken off the timer queue). IRQL == PASSIVE_LEVEL. */
+NTKERNELAPI VOID NTAPI KeFlushQueuedDpcs(VOID);
+
 /* ======================================================================
  * Time and processors
  * ====================================================================== */

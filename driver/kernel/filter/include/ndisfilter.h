@@ -477,6 +477,163 @@ NDISFILTER_API FILTER_STATUS NTAPI Filter_DumpFilter(FILTER_TYPE Type);
 NDISFILTER_API FILTER_STATUS NTAPI Filter_ShowFilter(PPacketFilter Filter, LONG Position);
 
 
+/* ------------------------------------------------------------------------
+ * Timers: callbacks at PASSIVE_LEVEL on a system worker thread.
+ * ------------------------------------------------------------------------ */
+
+typedef struct _FilterTimer FilterTimer, *PFilterTimer;
+
+/* A timer callback; it runs at PASSIVE_LEVEL and may block. The result is ignored. */
+typedef BOOLEAN (NTAPI *PFILTER_TIMER_PROC)(PFilterDriver FilterDriver, PVOID DriverContext, PFilterTimer Timer,
+                                            PVOID TimerContext);
+
+/*
+ * A timer of `FilterDriver`, not started. A repeating timer re-arms itself at
+ * every expiry with the delay of the last Filter_StartTimer, so callbacks of
+ * one timer may overlap. When memory is short it answers success without
+ * writing *Timer.
+ */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_InitializeTimer(PFilterDriver FilterDriver, PFILTER_TIMER_PROC TimerProc,
+                                                          PVOID TimerContext, BOOLEAN Repeat, PFilterTimer *Timer);
+NDISFILTER_API BOOLEAN NTAPI Filter_IsValidTimer(PFilterTimer Timer);
+/* Arms (or moves) the timer to expire Milliseconds from now. IRQL <= DISPATCH_LEVEL. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_StartTimer(PFilterTimer Timer, ULONG Milliseconds);
+/* Disarms it; a callback already queued still runs. IRQL <= DISPATCH_LEVEL. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_StopTimer(PFilterTimer Timer);
+/*
+ * Disarms and frees the timer after the callbacks already queued have run.
+ * IRQL = PASSIVE_LEVEL; never from the timer's own callback (it would wait for itself).
+ */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_FreeTimer(PFilterDriver FilterDriver, PFilterTimer Timer);
+
+/* ------------------------------------------------------------------------
+ * Hash tables of client records. The client embeds a HashItem first in each
+ * of its records, sets m_HashValue before insertion and owns the hashing.
+ * Tables and items are reference-counted: a successful insert or find hands
+ * the caller a reference, which Filter_ReleaseHashItem or
+ * Filter_DeleteHashItem gives back. The Ex variants take no lock: they are
+ * for callers holding Filter_LockHashTable or inside an enumeration callback.
+ * IRQL <= DISPATCH_LEVEL; callbacks run with the table locked.
+ * ------------------------------------------------------------------------ */
+
+typedef struct _HashTable HashTable, *PHashTable;
+
+typedef struct _HashItem {
+    LIST_ENTRY m_ListEntry;   /* in the table's list of all items */
+    LIST_ENTRY m_BucketEntry; /* in its bucket */
+    ULONG m_HashValue;        /* set by the client before insertion */
+    ULONG m_RefCount;
+    ULONG m_Time;             /* seconds since 1601 of the insertion or last find */
+    PHashTable m_pHashTable;  /* the owning table, NULL until inserted */
+    BOOLEAN m_bDeleted;
+} HashItem, *PHashItem;
+
+/* Destroys a client record once its last reference is gone. */
+typedef VOID (NTAPI *PFILTER_HASH_FREE_ITEM)(PHashItem Item);
+/* Nonzero when the item is the one `Key` names. */
+typedef BOOLEAN (NTAPI *PFILTER_HASH_COMPARE_ITEM)(PHashItem Item, PVOID Key);
+/* Called for each item of an enumeration; the result is ignored. */
+typedef BOOLEAN (NTAPI *PFILTER_HASH_ENUM_ITEM)(PVOID Context, PHashItem Item);
+
+/*
+ * A table of Size buckets (an odd size is raised by one; the bucket of a
+ * value is value AND (size - 1)) holding the creator's reference, or NULL.
+ * Without a free routine items must come from Filter_AllocateMemory.
+ */
+NDISFILTER_API PHashTable NTAPI Filter_CreateHashTable(PCSTR ItemName, ULONG Size, PFILTER_HASH_FREE_ITEM FreeItem,
+                                                       PFILTER_HASH_COMPARE_ITEM CompareItem);
+/* Removes every item and drops the creator's reference. */
+NDISFILTER_API VOID NTAPI Filter_DestroyHashTable(PHashTable Table);
+/* Removes every item; the table stays. */
+NDISFILTER_API VOID NTAPI Filter_CleanHashTable(PHashTable Table);
+NDISFILTER_API ULONG NTAPI Filter_GetHashItemCount(PHashTable Table);
+NDISFILTER_API VOID NTAPI Filter_EnumHashTable(PHashTable Table, PFILTER_HASH_ENUM_ITEM EnumItem, PVOID Context);
+/* Enumerates the one bucket of HashValue. */
+NDISFILTER_API VOID NTAPI Filter_EnumHashTableEx(PHashTable Table, ULONG HashValue, PFILTER_HASH_ENUM_ITEM EnumItem,
+                                                 PVOID Context);
+NDISFILTER_API VOID NTAPI Filter_LockHashTable(PHashTable Table, PLOCK_STATE LockState);
+NDISFILTER_API VOID NTAPI Filter_UnLockHashTable(PHashTable Table, PLOCK_STATE LockState);
+NDISFILTER_API PHashItem NTAPI Filter_InsertHashItem(PHashTable Table, PHashItem Item);
+NDISFILTER_API PHashItem NTAPI Filter_InsertHashItemEx(PHashTable Table, PHashItem Item);
+NDISFILTER_API PHashItem NTAPI Filter_FindHashItem(PHashTable Table, ULONG HashValue, PVOID Key);
+NDISFILTER_API PHashItem NTAPI Filter_FindHashItemEx(PHashTable Table, ULONG HashValue, PVOID Key);
+/* Removes the item and consumes the caller's reference to it. */
+NDISFILTER_API BOOLEAN NTAPI Filter_DeleteHashItem(PHashItem Item);
+NDISFILTER_API BOOLEAN NTAPI Filter_DeleteHashItemEx(PHashItem Item);
+NDISFILTER_API VOID NTAPI Filter_ReferenceHashTable(PHashTable Table);
+NDISFILTER_API VOID NTAPI Filter_ReleaseHashTable(PHashTable Table);
+NDISFILTER_API VOID NTAPI Filter_ReferenceHashItem(PHashItem Item);
+NDISFILTER_API VOID NTAPI Filter_ReleaseHashItem(PHashItem Item);
+
+/* ------------------------------------------------------------------------
+ * Named interfaces between client drivers. An interface block is client
+ * data whose first USHORT is its whole length in bytes; whoever queries the
+ * interface gets a private copy and holds a reference until it releases it.
+ * ------------------------------------------------------------------------ */
+
+typedef struct _FilterInterface FilterInterface, *PFilterInterface;
+typedef struct _IfEventHandler IfEventHandler, *PIfEventHandler;
+
+#define FILTER_INTERFACE_REGISTERED    0
+#define FILTER_INTERFACE_DEREGISTERING 1
+#define FILTER_INTERFACE_DEREGISTERED  2
+
+/*
+ * Told of interfaces coming and going, with the handler list held for
+ * reading at DISPATCH_LEVEL: it may query and release interfaces but not
+ * register or deregister event handlers.
+ */
+typedef VOID (NTAPI *PFILTER_IF_EVENT_PROC)(PFilterDriver FilterDriver, PVOID DriverContext, ULONG Event,
+                                            PVOID EventContext, PSTRING InterfaceName);
+
+/* When memory is short it answers success without writing *Interface. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_RegisterInterface(PFilterDriver FilterDriver, PSTRING Name, PVOID Block,
+                                                            PFilterInterface *Interface);
+/* *Block receives the caller's copy of the interface block. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_QueryInterface(PFilterDriver FilterDriver, PSTRING Name, PVOID *Block);
+NDISFILTER_API BOOLEAN NTAPI Filter_IsValidInterface(PVOID Block);
+NDISFILTER_API BOOLEAN NTAPI Filter_IsValidInterfaceObject(PFilterInterface Interface);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_ReleaseInterface(PFilterDriver FilterDriver, PVOID Block);
+/* FILTER_ERROR_INTERFACE_ARE_REFERENCED: it stays listed, inactive, until the last release. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_DeregisterInterface(PFilterDriver FilterDriver, PFilterInterface Interface);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_RegisterIfEventHandler(PFilterDriver FilterDriver,
+                                                                 PFILTER_IF_EVENT_PROC EventProc, PVOID EventContext,
+                                                                 PIfEventHandler *Handler);
+NDISFILTER_API BOOLEAN NTAPI Filter_IsValidIfEventHandler(PIfEventHandler Handler);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_DeregisterIfEventHandler(PFilterDriver FilterDriver,
+                                                                   PIfEventHandler Handler);
+
+/* ------------------------------------------------------------------------
+ * Control requests of client drivers: user-mode requests on the control
+ * device whose code the framework and the hook driver do not claim are
+ * offered to each handler in registration order; the first that answers
+ * anything but STATUS_NOT_SUPPORTED answers the request.
+ * ------------------------------------------------------------------------ */
+
+typedef struct _IoCtrlHandler IoCtrlHandler, *PIoCtrlHandler;
+
+/*
+ * A handler: called at PASSIVE_LEVEL in the requester's thread with the
+ * request's buffers (the one system buffer for buffered codes) and the bytes
+ * it answers in *BytesReturned. A handler that keeps the request marks it
+ * pending (IoMarkIrpPending) before anyone can complete it, returns
+ * STATUS_PENDING and completes it later itself. It must not register or
+ * deregister handlers.
+ */
+typedef NTSTATUS (NTAPI *PFILTER_IOCTL_PROC)(PVOID Context, PIRP Irp, ULONG IoControlCode, PVOID InputBuffer,
+                                            ULONG InputLength, PVOID OutputBuffer, ULONG OutputLength,
+                                            PULONG_PTR BytesReturned);
+
+/* At most one handler per driver. When memory is short it answers success without writing *Handler. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_RegisterIoControl(PFilterDriver FilterDriver, PFILTER_IOCTL_PROC IoCtrlProc,
+                                                            PVOID Context, PIoCtrlHandler *Handler);
+NDISFILTER_API BOOLEAN NTAPI Filter_IsValidIoCtrlHandler(PIoCtrlHandler Handler);
+NDISFILTER_API FILTER_STATUS NTAPI Filter_DeregisterIoControl(PFilterDriver FilterDriver, PIoCtrlHandler Handler);
+/* The declining answer (STATUS_NOT_SUPPORTED) for codes a handler does not own. */
+NDISFILTER_API NTSTATUS NTAPI Filter_DefaultIoCtrlHandler(PVOID Context, PIRP Irp, ULONG IoControlCode,
+                                                          PVOID InputBuffer, ULONG InputLength, PVOID OutputBuffer,
+                                                          ULONG OutputLength, PULONG_PTR BytesReturned);
+
 #define FILTER_PACKET_DATA_SIZE 1648
 
 typedef VOID (NTAPI *PFILTER_PACKET_RELEASE)(PFilterPacket Packet, PVOID Context);
