@@ -15,6 +15,7 @@
 #include "options.h"
 
 #include <string>
+#include <vector>
 
 namespace host {
 
@@ -41,12 +42,16 @@ public:
     void UnloadClients();
 
 private:
+    bool LoadNamed(const Options &options, std::string *error);
+
     struct Client {
         const char *Image;
         const char *Service;
         PDRIVER_OBJECT Driver;
     };
 
+    /* The drivers named with --driver, in loading order. */
+    std::vector<PDRIVER_OBJECT> m_named;
     PDRIVER_OBJECT m_framework = nullptr;
     PDRIVER_OBJECT m_hook = nullptr;
     Client m_clients[3] = {
