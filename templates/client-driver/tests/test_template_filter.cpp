@@ -73,4 +73,20 @@ TEST_F(TemplateFilter, ACaptureReplaysThroughTheDriverWithEveryFrameAccountedFor
     EXPECT_EQ((size_t)counters.Inspected[0] + counters.Inspected[1], frames.size());
 }
 
+TEST_F(TemplateFilter, WhatTheApplicationLoopsBackReachesIt)
+{
+    ASSERT_EQ(LoadDriver(TEMPLATE_FILTER_IMAGE, TEMPLATE_FILTER_SERVICE_NAME), STATUS_SUCCESS);
+    PFilterAdapter adapter = OpenAdapter(1);
+    ASSERT_TRUE(StartApplication());
+    ASSERT_TRUE(SendFromApplication(adapter, FILTER_DIRECTION_TO_APPLICATION, EthernetFrame(0x0800)));
+    std::vector<nfkit::ApplicationFrame> received;
+    for (int i = 0; i < 1000 && received.empty(); i++) {
+        WaitForQuiet();
+        received = TakeApplicationFrames();
+    }
+    ASSERT_EQ(received.size(), 1u);
+    EXPECT_EQ(received[0].AdapterId, AdapterId(adapter));
+    EXPECT_EQ(received[0].Bytes, EthernetFrame(0x0800));
+}
+
 } // namespace
