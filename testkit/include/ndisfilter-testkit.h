@@ -69,6 +69,10 @@ struct Event {
     ULONG Value2 = 0;
     LONG Length = 0;          /* bytes of Data; -1 when a formatted text did not fit */
     std::vector<UCHAR> Data;  /* the text or binary data reported */
+    /* The framework took the record but could not hand it to the user program: GET_EVENT
+     * translates an adapter handle at data offset 4 into its identifier and fails the record
+     * when those bytes are not one (text events hit this unless they start with a handle). */
+    bool Unreadable = false;
     std::string Text() const { return std::string(Data.begin(), Data.end()); }
 };
 
@@ -148,7 +152,7 @@ protected:
     /* Debug output (DbgPrint and the framework's traces) since the last call, line by line. */
     std::vector<std::string> TakeDebugOutput();
     /* Events the drivers reported since the last call, oldest first, read the way the user
-     * program reads them. */
+     * program reads them (IOCTL_NDIS_FILTER_GET_EVENT on the control device). */
     std::vector<Event> TakeEvents();
     /* The hook driver's packet accounting now. */
     NDIS_HOOK_STATISTICS HookStatistics();
