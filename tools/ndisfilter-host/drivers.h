@@ -1,7 +1,8 @@
 /*
  * drivers.h - the drivers of a run: the framework, the simulated hook driver
  * (bound) and the three example clients loaded from their images, with the
- * service keys filled from the options first.
+ * service keys filled from the options first, then the client driver images
+ * named with --driver (or only those, with --no-examples).
  */
 #pragma once
 

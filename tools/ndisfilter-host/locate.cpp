@@ -19,4 +19,10 @@ std::string Locate(const std::string &built, const char *installedDir)
     return dir + "/../" + installedDir + "/" + built.substr(built.rfind('/') + 1);
 }
 
+std::string OutputDirectory(const std::string &built)
+{
+    std::string parent = built.substr(0, built.rfind('/'));
+    return parent.empty() || access(parent.c_str(), F_OK) == 0 ? built : "ndisfilter-out";
+}
+
 } // namespace host

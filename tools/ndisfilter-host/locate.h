@@ -12,6 +12,10 @@ namespace host {
 /* `built` when it exists; otherwise <program>/../<installedDir>/<file name of built>. */
 std::string Locate(const std::string &built, const char *installedDir);
 
+/* `built` when its parent directory exists (a build tree's), otherwise "ndisfilter-out" in the
+ * current directory. */
+std::string OutputDirectory(const std::string &built);
+
 /* An example client's image (installed in lib/ndisfilter/clients). */
 inline std::string ExampleImage(const char *built)
 {

@@ -104,7 +104,7 @@ void PrintUsage()
 
 bool ParseOptions(int argc, char **argv, Options *options, std::string *error)
 {
-    options->OutputDir = NF_HOST_DEFAULT_OUTPUT;
+    options->OutputDir = OutputDirectory(NF_HOST_DEFAULT_OUTPUT);
     for (int i = 1; i < argc; i++) {
         std::string arg = argv[i];
         const bool hasValue = i + 1 < argc;
