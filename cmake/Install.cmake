@@ -7,7 +7,7 @@
 #   include/ndisfilter/windows/  the mingw DDK prelude client drivers are compiled with for Windows
 #   lib/                         the runtime, the framework, the hook driver, the libraries
 #   lib/ndisfilter/clients/      the example client drivers (the host program loads them)
-#   lib/ndisfilter/windows/      ndisfilter.sys and its import library libndisfilter.a
+#   lib/ndisfilter/windows/      ndisfilter.sys, its import library libndisfilter.a, ndisfilterctl.exe
 #   lib/cmake/NdisFilter/        the CMake package
 #   bin/                         the host program and the tools
 #   share/ndisfilter/            a capture to run drivers on, the image checker
@@ -32,7 +32,7 @@ set(NF_KIT_LIBRARIES
 # The example client drivers, loaded from their images by the host program.
 set(NF_KIT_CLIENTS example-filter example-firewall example-injector example-tap)
 # Programs.
-set(NF_KIT_PROGRAMS ndisfilter-host)
+set(NF_KIT_PROGRAMS ndisfilter-host ndisfilterctl)
 
 set(nf_kit_cmake_dir lib/cmake/NdisFilter)
 
@@ -108,4 +108,5 @@ install(FILES
 if(NF_WINDOWS_IMAGE)
     install(FILES ${CMAKE_BINARY_DIR}/windows/ndisfilter.sys ${CMAKE_BINARY_DIR}/windows/libndisfilter.a
         DESTINATION lib/ndisfilter/windows)
+    install(PROGRAMS ${CMAKE_BINARY_DIR}/windows/ndisfilterctl.exe DESTINATION lib/ndisfilter/windows OPTIONAL)
 endif()

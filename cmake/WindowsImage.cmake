@@ -38,6 +38,7 @@ include(ExternalProject)
 set(nf_windows_dir ${CMAKE_BINARY_DIR}/windows)
 set(nf_windows_image ${nf_windows_dir}/ndisfilter.sys)
 set(nf_windows_implib ${nf_windows_dir}/libndisfilter.a)
+set(nf_windows_ctl ${nf_windows_dir}/ndisfilterctl.exe)
 
 ExternalProject_Add(ndisfilter_windows
     SOURCE_DIR ${PROJECT_SOURCE_DIR}
@@ -48,7 +49,7 @@ ExternalProject_Add(ndisfilter_windows
         -DCMAKE_BUILD_TYPE=${NF_WINDOWS_IMAGE_BUILD_TYPE}
     BUILD_ALWAYS TRUE
     INSTALL_COMMAND ""
-    BUILD_BYPRODUCTS ${nf_windows_image} ${nf_windows_implib})
+    BUILD_BYPRODUCTS ${nf_windows_image} ${nf_windows_implib} ${nf_windows_ctl})
 
 set(nf_driver_dir ${PROJECT_SOURCE_DIR}/driver/kernel/filter)
 set(nf_checker_args
@@ -63,3 +64,8 @@ foreach(check subsystem imports exports import-library checksum layout)
         COMMAND ${Python3_EXECUTABLE} ${nf_image_checker} ${nf_checker_args} ${check})
     set_tests_properties(windows_image.${name} PROPERTIES ENVIRONMENT ${nf_python_env})
 endforeach()
+
+# The user program's command-line tool, built beside the image.
+add_test(NAME windows_image.ndisfilterctl_exe
+    COMMAND ${CMAKE_COMMAND} -DOBJDUMP=${NF_MINGW_OBJDUMP} -DPROGRAM=${nf_windows_ctl}
+            -P ${PROJECT_SOURCE_DIR}/tests/windows/check-console-program.cmake)

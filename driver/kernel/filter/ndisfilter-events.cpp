@@ -127,3 +127,31 @@ EXTERN_C FILTER_STATUS NTAPI Filter_ReportEventEx(ULONG Value1, ULONG Value2, UL
     QueueLogRecord(record);
     return status;
 }
+
+/*
+ * Takes the oldest queued event and copies its body (two values, length and
+ * text: FILTER_EVENT_RECORD_SIZE bytes) to `Body`. FALSE when none is queued.
+ * IRQL <= DISPATCH_LEVEL.
+ */
+BOOLEAN NdisFilter_TakeEvent(PVOID Body)
+{
+    PFilterLogRecord record = NULL;
+    {
+        NfWriteLock lock(&g_pGlobal->m_FilterLogLock);
+        if (IsListEmpty(&g_pGlobal->m_FilterLogList))
+            return FALSE;
+        record = CONTAINING_RECORD(RemoveHeadList(&g_pGlobal->m_FilterLogList), FilterLogRecord, m_Link);
+    }
+    RtlCopyMemory(Body, &record->m_dwEvent1, FILTER_EVENT_RECORD_SIZE);
+    NdisFilter_FreeLogRecord(record);
+    return TRUE;
+}
+
+/* Discards every queued event. IRQL <= DISPATCH_LEVEL. */
+VOID NdisFilter_ClearEvents(VOID)
+{
+    NfWriteLock lock(&g_pGlobal->m_FilterLogLock);
+    while (!IsListEmpty(&g_pGlobal->m_FilterLogList))
+        NdisFilter_FreeLogRecord(
+            CONTAINING_RECORD(RemoveHeadList(&g_pGlobal->m_FilterLogList), FilterLogRecord, m_Link));
+}

@@ -38,6 +38,10 @@ typedef struct _FilterLogRecord {
 } FilterLogRecord, *PFilterLogRecord;
 
 C_ASSERT(sizeof(FilterLogRecord) == 1056);
+/* What the user program receives of a record: everything behind the link. */
+#define FILTER_EVENT_RECORD_SIZE 1036
+C_ASSERT(FIELD_OFFSET(FilterLogRecord, m_Text) + FILTER_EVENT_TEXT_SIZE - FIELD_OFFSET(FilterLogRecord, m_dwEvent1) ==
+         FILTER_EVENT_RECORD_SIZE);
 
 /*
  * The framework's own view of one shared ring. The program can rewrite every
@@ -191,6 +195,15 @@ VOID NdisFilter_InitializeEventQueue(VOID);
 VOID NdisFilter_DeleteEventQueue(VOID);
 PFilterLogRecord NdisFilter_AllocateLogRecord(VOID);
 VOID NdisFilter_FreeLogRecord(PFilterLogRecord Record);
+BOOLEAN NdisFilter_TakeEvent(PVOID Body);
+VOID NdisFilter_ClearEvents(VOID);
+
+/* ---- diagnostic channel (ndisfilter-diag.cpp, ndisfilter-diag-dump.cpp) ---- */
+FILTER_STATUS Filter_PrepareDiag(PVOID InputBuffer, ULONG InputLength, PVOID OutputBuffer, ULONG OutputLength);
+ULONG Filter_EndDiag(VOID);
+NTSTATUS NdisFilter_DiagHandler(PVOID InputBuffer, ULONG InputLength, PVOID OutputBuffer, ULONG OutputLength);
+/* Prints the whole global state to the debugger, whatever the mask says. */
+VOID NdisFilter_DumpDeviceExtension(VOID);
 
 /* ---- shared-memory channel (ndisfilter-sharedmem.cpp) ---- */
 EXTERN_C PMappedMemory NdisFilter_AllocateMappedMemory(VOID);

@@ -89,6 +89,72 @@ VOID PutSharedMemorySize(ControlRequest &Request)
 }
 
 /*
+ * GET_EVENT: the oldest queued event, with the adapter handle its first bytes
+ * of text may carry replaced by that handle's identifier, or zeroes and no
+ * bytes when none is queued.
+ */
+VOID GetEvent(ControlRequest &Request)
+{
+    NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_GET_EVENT\n");
+    if (!Request.OutputAtLeast(FILTER_EVENT_RECORD_SIZE))
+        return;
+    PUCHAR out = Request.Buffer;
+    RtlZeroMemory(out, FILTER_EVENT_RECORD_SIZE);
+    if (!NdisFilter_TakeEvent(out))
+        return;
+
+    /* 34 bytes from offset 12: the 8-byte handle at 16 becomes a 4-byte id, the rest moves up by 4. */
+    const ULONG rewritten = 34;
+    PUCHAR old = (PUCHAR)ExAllocatePool(NonPagedPool, rewritten + 4);
+    if (old == NULL) {
+        NF_TRACE(NF_DBG_CORE, "    call ExAllocatePool func failure.\n");
+        Request.Status = STATUS_INSUFFICIENT_RESOURCES;
+        return;
+    }
+    RtlCopyMemory(old, out + 12, rewritten + 4);
+    ULONG id = 0;
+    if (Filter_AdapterToId(*(PFilterAdapter UNALIGNED *)(old + 4), &id) != FILTER_STATUS_SUCCESS) {
+        NF_TRACE(NF_DBG_CORE, "    call Filter_AdapterToId func failure.\n");
+        Request.Status = STATUS_INTERNAL_ERROR;
+        ExFreePool(old);
+        return;
+    }
+    *(ULONG UNALIGNED *)(out + 16) = id;
+    RtlCopyMemory(out + 20, old + 12, 8);  /* old u64 at 24 */
+    RtlCopyMemory(out + 28, old + 20, 8);  /* old u64 at 32 */
+    RtlCopyMemory(out + 36, old + 28, 2);  /* old u16 at 40 */
+    RtlCopyMemory(out + 38, old + 30, 4);  /* old u32 at 42 */
+    RtlCopyMemory(out + 42, old + 34, 4);  /* old u32 at 46 */
+    ExFreePool(old);
+    Request.Information = FILTER_EVENT_RECORD_SIZE;
+}
+
+/*
+ * DIAG: one diagnostic command. The framework answers its own; any other goes
+ * on to the hook driver and the client drivers' handlers, which reply into
+ * the same record. A prepared diagnostic always succeeds with the header and
+ * the text; one that could not be prepared succeeds with nothing.
+ */
+VOID OfferUnknownCode(ControlRequest &Request);
+
+VOID Diagnose(ControlRequest &Request)
+{
+    if (Filter_PrepareDiag(Request.Buffer, Request.InputLength, Request.Buffer, Request.OutputLength) !=
+        FILTER_STATUS_SUCCESS)
+        return;
+    Request.Status = NdisFilter_DiagHandler(Request.Buffer, Request.InputLength, Request.Buffer,
+                                            Request.OutputLength);
+    if (Request.Status != STATUS_SUCCESS)
+        OfferUnknownCode(Request);
+    ULONG returned = Filter_EndDiag();
+    /* A handler that kept the request pending completes it itself. */
+    if (Request.Status == STATUS_PENDING)
+        return;
+    Request.Status = STATUS_SUCCESS;
+    Request.Information = returned;
+}
+
+/*
  * SET_CONGESTION_CONTROL: stores a new m_nInjectPacketMax without further
  * checks. An input too short to hold the value leaves the old one in place.
  */
@@ -165,6 +231,12 @@ VOID OfferToHookDriver(ControlRequest &Request)
         Request.Information = returned < outputLength ? returned : outputLength;
 }
 
+/* Offers a code the framework does not answer itself to the hook driver, then to the client drivers' handlers. */
+VOID OfferUnknownCode(ControlRequest &Request)
+{
+    OfferToHookDriver(Request);
+}
+
 } // namespace
 
 /*
@@ -216,9 +288,28 @@ EXTERN_C NTSTATUS NTAPI NdisFilterIoControl(PDEVICE_OBJECT DeviceObject, PIRP Ir
     case IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL:
         SetCongestionControl(request);
         break;
+    case IOCTL_NDIS_FILTER_GET_EVENT:
+        GetEvent(request);
+        break;
+    case IOCTL_NDIS_FILTER_CLEAR_EVENT:
+        NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_GET_EVENT\n"); /* the name it has always traced */
+        NdisFilter_ClearEvents();
+        break;
+    case IOCTL_NDIS_FILTER_GET_DBGFLAG:
+        NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_GET_DBGFLAG\n");
+        if (g_RegistryPath.Buffer != NULL)
+            Filter_SafeGetGlobalDebugFlag(&g_RegistryPath, 0, (PULONG)&GlobalDebugFlag);
+        break;
+    case IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION:
+        NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION\n");
+        NdisFilter_DumpDeviceExtension();
+        break;
+    case IOCTL_NDIS_FILTER_DIAG:
+        Diagnose(request);
+        break;
     default:
         request.Status = STATUS_NOT_SUPPORTED;
-        OfferToHookDriver(request);
+        OfferUnknownCode(request);
         break;
     }
 

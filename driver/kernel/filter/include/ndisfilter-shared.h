@@ -125,6 +125,32 @@ NDISFILTER_SHARED_LAYOUT(FIELD_OFFSET(SharedBlock, m_Frame) == 164);
 #define IOCTL_NDIS_FILTER_DUMP_DEVICE_EXTENSION   NDISFILTER_CTL_CODE(0x8DE)
 #define IOCTL_NDIS_FILTER_SET_CONGESTION_CONTROL  NDISFILTER_CTL_CODE(0x8DF) /* 0x8000237C */
 
+/* ------------------------------------------------------------------------
+ * The diagnostic channel. IOCTL_NDIS_FILTER_DIAG carries one line of words
+ * separated by blanks ("filter show driver"); the first names the driver that
+ * answers. The reply record lies at the start of the output buffer, the text
+ * from offset 33; the request returns 40 + m_BufferUsed bytes.
+ * ------------------------------------------------------------------------ */
+
+#define FILTER_DIAG_COMMAND_SIZE 1024 /* an input of this length or more is refused */
+#define FILTER_DIAG_MAX_ARGS     16
+#define FILTER_DIAG_HEADER_SIZE  40   /* the shortest output a diagnostic accepts */
+#define FILTER_DIAG_TEXT_OFFSET  33
+
+typedef struct _Diag {
+    PCHAR m_pDriverName;  /* kernel address of the first word */
+    LONG m_nArgc;         /* words after the first, 0 to 16 */
+    PCHAR *m_pArgv;       /* kernel array of 16 pointers to them */
+    ULONG m_BufferSize;   /* the output buffer's length */
+    ULONG m_BufferUsed;   /* text bytes written so far */
+    UCHAR m_bInitialized; /* 1 once prepared */
+    CHAR m_Text[7];       /* the reply runs on from here */
+} Diag, *PDiag;
+
+NDISFILTER_SHARED_LAYOUT(sizeof(Diag) == FILTER_DIAG_HEADER_SIZE);
+NDISFILTER_SHARED_LAYOUT(FIELD_OFFSET(Diag, m_BufferSize) == 24);
+NDISFILTER_SHARED_LAYOUT(FIELD_OFFSET(Diag, m_Text) == FILTER_DIAG_TEXT_OFFSET);
+
 #define IOCTL_NDIS_FILTER_INTERNAL_BIND_NDIS_HOOK   NDISFILTER_CTL_CODE(0x900) /* 0x80002400 */
 #define IOCTL_NDIS_FILTER_INTERNAL_UNBIND_NDIS_HOOK NDISFILTER_CTL_CODE(0x901) /* 0x80002404 */
 

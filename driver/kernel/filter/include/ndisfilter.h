@@ -602,6 +602,18 @@ struct _MappedMemory {
 NDISFILTER_LAYOUT(sizeof(MappedMemory) == MAPPED_MEMORY_SIZE);
 NDISFILTER_LAYOUT(FIELD_OFFSET(MappedMemory, m_SharedMemory) == SHARED_MEMORY_OFFSET);
 
+/* ------------------------------------------------------------------------
+ * Diagnostics. A client driver's IOCTL handler that is asked a diagnostic
+ * command (IOCTL_NDIS_FILTER_DIAG) whose first word is its own name takes the
+ * prepared reply with Filter_BeginDiag and appends text with Filter_DiagPrint.
+ * ------------------------------------------------------------------------ */
+
+NDISFILTER_API FILTER_STATUS NTAPI Filter_BeginDiag(PVOID InputBuffer, ULONG InputLength, PVOID OutputBuffer,
+                                                    ULONG OutputLength, PDiag *Diag);
+NDISFILTER_API FILTER_STATUS __cdecl Filter_DiagPrint(PDiag Diag, PCSTR Format, ...);
+/* Appends the packet filters of one chain, field by field. */
+NDISFILTER_API FILTER_STATUS NTAPI Filter_DiagFilter(PDiag Diag, FILTER_TYPE Type);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,267 @@
+/*
+ * ndisfilter-diag-dump.cpp - the full dump of the global state to the
+ * debugger, field by field in declaration order, whatever the mask says.
+ * Lists are walked under their own locks; the adapter table is read as it
+ * stands.
+ */
+#include "precomp.h"
+#include "ndisfilter-global.h"
+#include "ndisfilter-records.h"
+
+namespace {
+
+PCSTR TrueFalse(BOOLEAN value)
+{
+    return value ? "TRUE" : "FALSE";
+}
+
+VOID DumpPointer(PCSTR name, const volatile VOID *value)
+{
+    NF_PRINT("- %s = 0x%p\n", name, (PVOID)value);
+}
+
+VOID DumpLinks(PCSTR name, const LIST_ENTRY *head)
+{
+    NF_PRINT("- %s = 0x%p\n", name, (PVOID)head);
+    NF_PRINT("  +-Blink = 0x%p\n", (PVOID)head->Blink);
+    NF_PRINT("  +-Flink = 0x%p\n", (PVOID)head->Flink);
+}
+
+/* The entries of a list whose records begin with their link. The caller holds the list's lock. */
+VOID DumpEntries(const LIST_ENTRY *head)
+{
+    int position = 0;
+    for (const LIST_ENTRY *link = head->Flink; link != head; link = link->Flink)
+        NF_PRINT("  - Entry[%d] = 0x%p\n", position++, (PVOID)link);
+}
+
+VOID DumpRwListEntries(PCSTR name, NDIS_RW_LOCK *lock, LIST_ENTRY *head)
+{
+    DumpLinks(name, head);
+    NfReadLock guard(lock);
+    DumpEntries(head);
+}
+
+VOID DumpRing(PCSTR name, const SharedBlockRing *ring)
+{
+    NF_PRINT("- %s\n", name);
+    NF_PRINT("  - m_iBlockSize = %d\n", (int)ring->m_iBlockSize);
+    NF_PRINT("  - m_iBlockCount = %d\n", (int)ring->m_iBlockCount);
+    NF_PRINT("  - m_iBaseOffset = %d\n", (int)ring->m_iBaseOffset);
+    NF_PRINT("  - m_puBlockBase = 0x%p\n", (PVOID)(ULONG_PTR)ring->m_puBlockBase);
+    NF_PRINT("  - m_pkBlockBase = 0x%p\n", (PVOID)(ULONG_PTR)ring->m_pkBlockBase);
+    NF_PRINT("  - m_iRead = %d\n", (int)ring->m_iRead);
+    NF_PRINT("  - m_iWrite = %d\n", (int)ring->m_iWrite);
+    NF_PRINT("  - m_nCount = %d\n", (int)ring->m_nCount);
+}
+
+VOID DumpHookApi(const NdisHookAPI &api)
+{
+    NF_PRINT("- m_NdisHookAPI\n");
+    NF_PRINT("  - m_Size = %d\n", (int)api.m_Size);
+    NF_PRINT("  - m_Flags = 0x%x\n", (unsigned)api.m_Flags);
+    NF_PRINT("  - m_MajorVersion = %d\n", (int)api.m_MajorVersion);
+    NF_PRINT("  - m_MinorVersion = %d\n", (int)api.m_MinorVersion);
+#define NF_DUMP_HOOK_FIELD(field) NF_PRINT("  - " #field " = 0x%p\n", (PVOID)api.field)
+    NF_DUMP_HOOK_FIELD(Filter_AdapterOpened);
+    NF_DUMP_HOOK_FIELD(Filter_AdapterStatusChanged);
+    NF_DUMP_HOOK_FIELD(Filter_AdapterClosed);
+    NF_DUMP_HOOK_FIELD(Filter_FilterReceivedPacket);
+    NF_DUMP_HOOK_FIELD(Filter_FilterSendPacket);
+    NF_DUMP_HOOK_FIELD(Hook_GetOsVersion);
+    NF_DUMP_HOOK_FIELD(Hook_HandleIoControl);
+    NF_DUMP_HOOK_FIELD(Hook_AllocatePacket);
+    NF_DUMP_HOOK_FIELD(Hook_FreePacket);
+    NF_DUMP_HOOK_FIELD(Hook_InjectPacketToAdapter);
+    NF_DUMP_HOOK_FIELD(Hook_InjectPacketToProtocol);
+    NF_DUMP_HOOK_FIELD(Hook_AllocateRequest);
+    NF_DUMP_HOOK_FIELD(Hook_MakeNdisRequest);
+    NF_DUMP_HOOK_FIELD(Hook_FreeRequest);
+    NF_DUMP_HOOK_FIELD(Hook_SetAdapterStatus);
+    NF_DUMP_HOOK_FIELD(Hook_GetAdapterStatus);
+    NF_DUMP_HOOK_FIELD(Hook_GetTcpIpBoundAdapters);
+    NF_DUMP_HOOK_FIELD(Hook_MmMapLockedPages);
+    NF_DUMP_HOOK_FIELD(Hook_MmUnmapLockedPages);
+#undef NF_DUMP_HOOK_FIELD
+}
+
+VOID DumpAdapterTable(const AdapterList &list)
+{
+    ULONG count = list.m_nAdapterCount < FILTER_MAX_ADAPTERS ? list.m_nAdapterCount : FILTER_MAX_ADAPTERS;
+    NF_PRINT("- m_nAdapterCount = %d\n", (int)list.m_nAdapterCount);
+    for (ULONG i = 0; i < count; i++) {
+        const AdapterInfo *info = &list.m_Adapters[i];
+        const UCHAR *p = info->m_PermanentAddress;
+        const UCHAR *c = info->m_CurrentAddress;
+        NF_PRINT("- m_AdapterList[%d] = 0x%p\n", (int)i, (PVOID)info);
+        NF_PRINT("  - m_hAdapter = 0x%p\n", (PVOID)info->m_hAdapter);
+        NF_PRINT("  - m_nAdapterMedium = %d\n", (int)info->m_nAdapterMedium);
+        NF_PRINT("  - m_usMTU = %d\n", (int)info->m_usMTU);
+        NF_PRINT("  - m_dwAdapterState = %d\n", (int)info->m_dwAdapterState);
+        NF_PRINT("  - m_PermanentAddress = %2.2x-%2.2x-%2.2x-%2.2x-%2.2x-%2.2x\n", p[0], p[1], p[2], p[3], p[4], p[5]);
+        NF_PRINT("  - m_CurrentAddress = %2.2x-%2.2x-%2.2x-%2.2x-%2.2x-%2.2x\n", c[0], c[1], c[2], c[3], c[4], c[5]);
+        NF_PRINT("  - m_szAdapterName = %.*s\n", (int)sizeof(info->m_szAdapterName), info->m_szAdapterName);
+    }
+}
+
+VOID DumpEventHandlers(NdisFilterDeviceExtension *global)
+{
+    DumpLinks("m_EventHandlerList", &global->m_EventHandlerList);
+    KIRQL irql;
+    KeAcquireSpinLock(&global->m_EventHandlerLock, &irql);
+    PLIST_ENTRY head = &global->m_EventHandlerList;
+    for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
+        PEventHandler handler = CONTAINING_RECORD(link, EventHandler, m_ListEntry);
+        NF_PRINT("  - pEventHandler = 0x%p\n", (PVOID)handler);
+        NF_PRINT("    - m_hFilterDriver = 0x%p\n", (PVOID)handler->m_hFilterDriver);
+        NF_PRINT("    - m_pfEventProc = 0x%p\n", (PVOID)handler->m_pfEventProc);
+        NF_PRINT("    - m_pEventContext = 0x%p\n", handler->m_pEventContext);
+    }
+    KeReleaseSpinLock(&global->m_EventHandlerLock, irql);
+}
+
+VOID DumpDrivers(NdisFilterDeviceExtension *global)
+{
+    DumpLinks("m_FilterDriverList", &global->m_FilterDriverList);
+    NfReadLock lock(&global->m_FilterDriverLock);
+    PLIST_ENTRY head = &global->m_FilterDriverList;
+    for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
+        PFilterDriver driver = CONTAINING_RECORD(link, FilterDriver, m_ListEntry);
+        int length = driver->m_DriverName.Length;
+        NF_PRINT("  - pFilterDriver = 0x%p\n", (PVOID)driver);
+        NF_PRINT("    - m_pDriverContext = 0x%p\n", driver->m_pDriverContext);
+        NF_PRINT("    - m_DriverName = %*.*s\n", length, length, driver->m_DriverName.Buffer);
+    }
+}
+
+VOID DumpPacketFilters(NdisFilterDeviceExtension *global)
+{
+    for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; type++) {
+        NF_PRINT("- m_PacketFilterList[%d] - %s\n", (int)type, Filter_TypeString(type));
+        NfReadLock lock(&global->m_PacketFilterLock[type]);
+        PLIST_ENTRY head = &global->m_PacketFilterList[type];
+        LONG position = 0;
+        for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink)
+            Filter_ShowFilter(CONTAINING_RECORD(link, PacketFilter, m_ListEntry), position++);
+    }
+}
+
+VOID DumpInjectionQueues(NdisFilterDeviceExtension *global)
+{
+    for (int i = 0; i < NF_INJECT_QUEUE_COUNT; i++) {
+        NF_PRINT("- m_hInjectPacketThread[%d] = 0x%p\n", i, (PVOID)global->m_hInjectPacketThread[i]);
+        NF_PRINT("- m_InjectedPacketList[%d]\n", i);
+        DumpRwListEntries("  m_InjectedPacketList", &global->m_InjectedPacketLock[i], &global->m_InjectedPacketList[i]);
+        NF_PRINT("- m_InjectPacketEvent[%d] = 0x%p\n", i, (PVOID)&global->m_InjectPacketEvent[i]);
+    }
+    NF_PRINT("- m_nInjectPacketCount = %d\n", (int)global->m_nInjectPacketCount);
+    NF_PRINT("- m_nInjectPacketMax = %d\n", (int)global->m_nInjectPacketMax);
+}
+
+VOID DumpLookaside(const NPAGED_LOOKASIDE_LIST *list)
+{
+    const GENERAL_LOOKASIDE &l = list->L;
+    NF_PRINT("- m_LogLookasideList = 0x%p\n", (PVOID)list);
+    NF_PRINT("  - Depth = %d\n", (int)l.Depth);
+    NF_PRINT("  - MaximumDepth = %d\n", (int)l.MaximumDepth);
+    NF_PRINT("  - TotalAllocates = %d\n", (int)l.TotalAllocates);
+    NF_PRINT("  - AllocateMisses = %d\n", (int)l.AllocateMisses);
+    NF_PRINT("  - TotalFrees = %d\n", (int)l.TotalFrees);
+    NF_PRINT("  - FreeMisses = %d\n", (int)l.FreeMisses);
+    NF_PRINT("  - Type = %d\n", (int)l.Type);
+    NF_PRINT("  - Tag = 0x%x\n", (unsigned)l.Tag);
+    NF_PRINT("  - Size = %d\n", (int)l.Size);
+    NF_PRINT("  - LastTotalAllocates = %d\n", (int)l.LastTotalAllocates);
+    NF_PRINT("  - LastAllocateMisses = %d\n", (int)l.LastAllocateMisses);
+}
+
+VOID DumpIoControlHandlers(NdisFilterDeviceExtension *global)
+{
+    DumpLinks("m_IoCtrlHandlerList", &global->m_IoCtrlHandlerList);
+    NfReadLock lock(&global->m_IoCtrlHandlerLock);
+    PLIST_ENTRY head = &global->m_IoCtrlHandlerList;
+    for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
+        IoCtrlHandler *handler = CONTAINING_RECORD(link, IoCtrlHandler, m_ListEntry);
+        NF_PRINT("  - pIoCtrlHandler = 0x%p\n", (PVOID)handler);
+        NF_PRINT("    - m_hFilterDriver = 0x%p\n", (PVOID)handler->m_hFilterDriver);
+        NF_PRINT("    - m_pfIoCtrlProc = 0x%p\n", (PVOID)handler->m_pfIoCtrlProc);
+        NF_PRINT("    - m_pIoCtrlContext = 0x%p\n", handler->m_pIoCtrlContext);
+    }
+}
+
+} // namespace
+
+/*
+ * NdisFilter_DumpDeviceExtension - the whole global state, one line per
+ * field. IRQL = PASSIVE_LEVEL.
+ */
+VOID NdisFilter_DumpDeviceExtension(VOID)
+{
+    PNdisFilterDeviceExtension global = g_pGlobal;
+    NF_PRINT("====> Dump NdisFilter Device Extension ====\n");
+    NF_PRINT("- BuildTime = %s %s\n", __DATE__, __TIME__);
+    NF_PRINT("- Type = NdisFilterDeviceExtension\n");
+    NF_PRINT("- Size = %d\n", (int)sizeof(*global));
+    NF_PRINT("- Address = 0x%p\n", (PVOID)global);
+
+    DumpPointer("m_pDeviceObject", global->m_pDeviceObject);
+    NF_PRINT("- m_DeviceSymbolicLink = %ws\n", global->m_DeviceSymbolicLink.Buffer);
+    NF_PRINT("- m_bSymbolicLinkCreated = %s\n", TrueFalse(global->m_bSymbolicLinkCreated));
+    DumpPointer("m_HookAPILock", &global->m_HookAPILock);
+    {
+        NdisHookAPI api;
+        {
+            NfReadLock lock(&global->m_HookAPILock);
+            api = global->m_NdisHookAPI;
+        }
+        DumpHookApi(api);
+    }
+
+    DumpPointer("m_pMappedMemory", global->m_pMappedMemory);
+    DumpPointer("m_pMappedMemoryMdl", global->m_pMappedMemoryMdl);
+    DumpPointer("m_pUserMapping", global->m_pUserMapping);
+    DumpPointer("m_FileObject", global->m_FileObject);
+    DumpPointer("m_pSharedMemory", global->m_pSharedMemory);
+    if (global->m_pSharedMemory != NULL) {
+        DumpRing("m_SharedMemory.KernelModeInput", &global->m_pSharedMemory->KernelModeInput);
+        DumpRing("m_SharedMemory.KernelModeOutput", &global->m_pSharedMemory->KernelModeOutput);
+    }
+    NF_PRINT("- m_bStopShare = %s\n", TrueFalse(global->m_bStopShare));
+    DumpPointer("m_MappedMemoryLock", &global->m_MappedMemoryLock);
+    NF_PRINT("- m_hShareMemoryThread[%d] = 0x%p\n", 0, (PVOID)global->m_hShareMemoryThread[0]);
+    NF_PRINT("- m_nNdisHelperWorkThread = %d\n", (int)global->m_nNdisHelperWorkThread);
+    DumpPointer("m_pPendingReadIrp", global->m_pPendingReadIrp);
+    DumpPointer("m_PendingReadLock", &global->m_PendingReadLock);
+    DumpPointer("m_InputBlockLock", &global->m_InputBlockLock);
+    DumpPointer("m_OutputBlockLock", &global->m_OutputBlockLock);
+    DumpPointer("m_ShareMemoryEvent", &global->m_ShareMemoryEvent);
+    DumpPointer("m_WorkThreadExitEvent", &global->m_WorkThreadExitEvent);
+
+    DumpPointer("m_AdapterListLock", &global->m_AdapterListLock);
+    DumpAdapterTable(global->m_AdapterList);
+    DumpPointer("m_pContextLock", &global->m_pContextLock);
+    for (int i = 0; i < NF_CONTEXT_SLOTS; i++)
+        NF_PRINT("- m_pContextDriver[%d] = 0x%p\n", i, (PVOID)global->m_pContextDriver[i]);
+    DumpEventHandlers(global);
+
+    DumpDrivers(global);
+    DumpPacketFilters(global);
+    DumpInjectionQueues(global);
+
+    DumpRwListEntries("m_InterfaceList", &global->m_InterfaceLock, &global->m_InterfaceList);
+    DumpRwListEntries("m_IfEventHandlerList", &global->m_IfEventHandlerLock, &global->m_IfEventHandlerList);
+
+    DumpLookaside(&global->m_LogLookasideList);
+    DumpRwListEntries("m_FilterLogList", &global->m_FilterLogLock, &global->m_FilterLogList);
+    /* The address's low half, as this line has always printed. */
+    NF_PRINT("- m_CurrentLogSize = %d\n", (int)(ULONG)(ULONG_PTR)&global->m_CurrentLogSize);
+
+    DumpRwListEntries("m_FilterTimerList", &global->m_FilterTimerLock, &global->m_FilterTimerList);
+    NF_PRINT("- m_dwTickIncrement = %d\n", (int)(ULONG)(ULONG_PTR)&global->m_dwTickIncrement);
+    NF_PRINT("- m_nPendingWorkItems = %d\n", (int)global->m_nPendingWorkItems);
+
+    DumpIoControlHandlers(global);
+    NF_PRINT("- m_bDiagInProgress = %d\n", (int)global->m_bDiagInProgress);
+    DumpPointer("m_pAppToDriverEthrLog", global->m_pAppToDriverEthrLog);
+    DumpPointer("m_pDriverToAppEthrLog", global->m_pDriverToAppEthrLog);
+}

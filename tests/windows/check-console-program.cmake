@@ -1,0 +1,31 @@
+# Checks a console program of the Windows build (ndisfilterctl.exe): a
+# Windows console (CUI) image that imports only system DLLs, so that it runs
+# on a machine with nothing but the driver installed.
+#
+#   cmake -DOBJDUMP=<objdump> -DPROGRAM=<file.exe> -P check-console-program.cmake
+if(NOT EXISTS "${PROGRAM}")
+    message(FATAL_ERROR "${PROGRAM} was not built")
+endif()
+execute_process(COMMAND ${OBJDUMP} -p ${PROGRAM} OUTPUT_VARIABLE dump RESULT_VARIABLE result)
+if(NOT result EQUAL 0)
+    message(FATAL_ERROR "${OBJDUMP} -p ${PROGRAM} failed")
+endif()
+if(NOT dump MATCHES "Subsystem[\t ]+00000003")
+    message(FATAL_ERROR "${PROGRAM} is not a console (CUI) program")
+endif()
+string(REGEX MATCHALL "DLL Name: [^\n]+" names "${dump}")
+if(NOT names)
+    message(FATAL_ERROR "${PROGRAM} imports nothing")
+endif()
+set(dlls "")
+foreach(entry ${names})
+    string(REPLACE "DLL Name: " "" dll "${entry}")
+    string(STRIP "${dll}" dll)
+    string(TOLOWER "${dll}" dll)
+    if(NOT dll MATCHES "^(kernel32|msvcrt|ucrtbase)\\.dll$" AND NOT dll MATCHES "^api-ms-win-crt-.*\\.dll$")
+        message(FATAL_ERROR "${PROGRAM} imports ${dll}, which is not a system DLL")
+    endif()
+    list(APPEND dlls ${dll})
+endforeach()
+list(JOIN dlls ", " dlls)
+message(STATUS "${PROGRAM}: console program, imports ${dlls}")
