@@ -50,6 +50,9 @@ FILTER_RESULT NTAPI Inspect(PFilterDriver FilterDriver, PVOID DriverContext, PPa
     if (etherType != state->DropEtherType)
         return FILTER_RESULT_BYPASS;
     InterlockedIncrement(&state->Discarded[chain]);
+    UCHAR event[TEMPLATE_FILTER_EVENT_SIZE] = {0};
+    RtlCopyMemory(event + 4, &Packet->m_hAdapter, sizeof(Packet->m_hAdapter));
+    Filter_ReportEventEx(etherType, chain, sizeof(event), event);
     return FILTER_RESULT_DISCARD;
 }
 
@@ -124,6 +127,5 @@ EXTERN_C NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING
     }
     DriverObject->DriverUnload = TemplateUnload;
     DbgPrint("TemplateFilter: loaded, discarding EtherType 0x%04x\n", (unsigned)State.DropEtherType);
-    Filter_ReportEvent(State.DropEtherType, 0, "TemplateFilter loaded");
     return STATUS_SUCCESS;
 }

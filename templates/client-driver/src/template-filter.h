@@ -12,6 +12,14 @@
 /* REG_DWORD: the EtherType whose frames the driver discards in both directions (0: none). */
 #define TEMPLATE_FILTER_DROP_VALUE "DropEtherType"
 
+/*
+ * Each discarded frame is reported as an event: value 1 the EtherType, value 2
+ * the chain (0 incoming, 1 outgoing), data TEMPLATE_FILTER_EVENT_SIZE bytes: a
+ * ULONG 0, then the adapter's handle, which the user program reads as the
+ * adapter's identifier (a ULONG at data offset 4).
+ */
+#define TEMPLATE_FILTER_EVENT_SIZE 12
+
 typedef struct _TEMPLATE_FILTER_COUNTERS {
     ULONG DropEtherType;
     ULONG Inspected[2]; /* [0] incoming, [1] outgoing */

@@ -3,6 +3,7 @@
 
 #include "template-filter.h"
 
+#include <cstring>
 #include <string>
 
 namespace {
@@ -51,6 +52,18 @@ TEST_F(TemplateFilter, DiscardsTheConfiguredEtherTypeBothWaysAndPassesTheRest)
     EXPECT_EQ(counters.Inspected[0], 2u);
     EXPECT_EQ(counters.Discarded[0], 1u);
     EXPECT_EQ(counters.Discarded[1], 1u);
+
+    std::vector<nfkit::Event> events = TakeEvents();
+    ASSERT_EQ(events.size(), 2u);
+    for (ULONG chain = 0; chain < 2; chain++) {
+        ASSERT_FALSE(events[chain].Unreadable);
+        EXPECT_EQ(events[chain].Value1, Ipv6);
+        EXPECT_EQ(events[chain].Value2, chain);
+        ULONG adapterId = 0;
+        ASSERT_GE(events[chain].Data.size(), 8u);
+        memcpy(&adapterId, events[chain].Data.data() + 4, sizeof(adapterId));
+        EXPECT_EQ(adapterId, AdapterId(adapter));
+    }
 
     std::vector<std::string> lines = TakeDebugOutput();
     bool announced = false;
