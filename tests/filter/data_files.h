@@ -5,19 +5,18 @@
  */
 #pragma once
 
+#include <ndisfilter-testkit-captures.h>
+
 #include <map>
 #include <string>
 #include <vector>
 
 namespace nftest {
 
-using Frame = std::vector<unsigned char>;
-
-/* Every frame of a pcap file, in order; an unreadable file fails the calling test. */
-std::vector<Frame> ReadPcap(const std::string &path);
-
-/* Writes frames to a pcap file with Ethernet link type. */
-bool WritePcap(const std::string &path, const std::vector<Frame> &frames);
+/* Frames and pcap files come from the client drivers' test kit. */
+using nfkit::Frame;
+using nfkit::ReadPcap;
+using nfkit::WritePcap;
 
 /* The rows of a CSV file written by tshark, keyed by column name; no quoted commas. */
 std::vector<std::map<std::string, std::string>> ReadCsv(const std::string &path);

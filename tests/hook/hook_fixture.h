@@ -9,6 +9,7 @@
 #include "hk_test_support.h"
 
 #include <ndishook.h>
+#include <ndisfilter-testkit.h>
 
 #include <string>
 #include <vector>
@@ -18,38 +19,11 @@ namespace hooktest {
 /* A frame of `length` bytes whose byte i is (i * 7 + seed) & 0xFF. */
 inline std::vector<UCHAR> Frame(ULONG length, UCHAR seed = 1)
 {
-    std::vector<UCHAR> frame(length);
-    for (ULONG i = 0; i < length; i++)
-        frame[i] = (UCHAR)(i * 7 + seed);
-    return frame;
+    return nfkit::PatternFrame(length, seed);
 }
 
-/* Adapter `n` (1, 2, ...): MAC 00-11-22-33-44-0n, instance id "{0000000n-...}". */
-struct AdapterSpec {
-    explicit AdapterSpec(int n, bool connected = true)
-    {
-        instanceId = "{0000000" + std::to_string(n) + "-1111-2222-3333-444455556666}";
-        deviceName = "\\DEVICE\\" + instanceId;
-        setup.DeviceName = deviceName.c_str();
-        setup.InstanceId = instanceId.c_str();
-        setup.Description = " - Simulated Ethernet";
-        const UCHAR current[6] = {0x00, 0x11, 0x22, 0x33, 0x44, (UCHAR)n};
-        const UCHAR permanent[6] = {0x02, 0x11, 0x22, 0x33, 0x44, (UCHAR)n};
-        for (int i = 0; i < 6; i++) {
-            setup.CurrentAddress[i] = current[i];
-            setup.PermanentAddress[i] = permanent[i];
-        }
-        setup.Mtu = 1500;
-        setup.Medium = NdisMedium802_3;
-        setup.Disconnected = connected ? FALSE : TRUE;
-    }
-    AdapterSpec(const AdapterSpec &) = delete;
-    AdapterSpec &operator=(const AdapterSpec &) = delete;
-
-    std::string instanceId;
-    std::string deviceName;
-    NDIS_HOOK_ADAPTER_SETUP setup = {};
-};
+/* Adapter `n` (1, 2, ...), as the client drivers' test kit opens it. */
+using nfkit::AdapterSpec;
 
 class HookTest : public nftest::Framework {
 protected:

@@ -5,6 +5,10 @@ Each check is one CTest test of the windows_image group:
 
   subsystem       the image is a native-subsystem (kernel) image
   imports         it imports only from ntoskrnl.exe, HAL.dll and NDIS.SYS
+  client-imports  a client driver's image: it imports the framework's functions
+                  from the framework's image by name (each one the public
+                  header declares), and otherwise only from the kernel, HAL
+                  and NDIS
   exports         its export table, the module-definition file and the
                   NDISFILTER_API declarations of the public header name the
                   same functions
@@ -277,6 +281,25 @@ def check_imports(dump):
         raise CheckFailed("; ".join(problems) + " (allowed: %s)" % ", ".join(ALLOWED_IMPORTS))
 
 
+def check_client_imports(dump, header_text, framework):
+    imports = parse_imports(dump)
+    declared = set(header_exports(header_text))
+    allowed = ALLOWED_IMPORTS + (framework,)
+    problems = []
+    for dll, funcs in imports.items():
+        if not any(same_names(dll, ok) for ok in allowed):
+            problems.append("imports from %s: %s" % (dll, ", ".join(funcs) or "(no names)"))
+    from_framework = [funcs for dll, funcs in imports.items() if same_names(dll, framework)]
+    if not from_framework or not from_framework[0]:
+        problems.append("imports no function from %s by name" % framework)
+    else:
+        unknown = sorted(set(from_framework[0]) - declared)
+        if unknown:
+            problems.append("imports from %s what it does not export: %s" % (framework, ", ".join(unknown)))
+    if problems:
+        raise CheckFailed("; ".join(problems) + " (allowed: %s)" % ", ".join(allowed))
+
+
 def check_exports(dump, image_name, header_text, header_name, def_text, def_name):
     header = header_exports(header_text)
     library, listed = def_exports(def_text)
@@ -364,7 +387,7 @@ def check_layout(dump, headers):
 # Command line
 # ---------------------------------------------------------------------------
 
-CHECKS = ("subsystem", "imports", "exports", "import-library", "checksum", "layout")
+CHECKS = ("subsystem", "imports", "client-imports", "exports", "import-library", "checksum", "layout")
 
 
 def objdump(tool, *args):
@@ -389,6 +412,8 @@ def run(args, check):
         check_subsystem(dump)
     elif check == "imports":
         check_imports(dump)
+    elif check == "client-imports":
+        check_client_imports(dump, read_text(args.header), args.framework)
     elif check == "exports":
         # The image's exports may be declared over several public headers.
         check_exports(dump, image_name, "\n".join(read_text(h) for h in args.header),
@@ -416,9 +441,10 @@ def main(argv):
                         help="public header with exported declarations (repeatable)")
     parser.add_argument("--def", dest="def_file", help="module-definition file")
     parser.add_argument("--implib", help="import library for client drivers")
+    parser.add_argument("--framework", default="ndisfilter.sys", help="the framework's image name (client-imports)")
     parser.add_argument("checks", nargs="+", choices=CHECKS)
     args = parser.parse_args(argv)
-    needs = {"exports": ("header", "def_file"), "import-library": ("implib", "def_file")}
+    needs = {"exports": ("header", "def_file"), "client-imports": ("header",), "import-library": ("implib", "def_file")}
     for check in args.checks:
         for option in needs.get(check, ()):
             if not getattr(args, option):

@@ -176,6 +176,23 @@ class ImportCheck(unittest.TestCase):
             ci.check_imports(dump)
 
 
+class ClientImportCheck(unittest.TestCase):
+    HEADER = "NDISFILTER_API FILTER_STATUS NTAPI Filter_RegisterDriver(PSTRING Name);\n"
+    FRAMEWORK = "\n\tDLL Name: ndisfilter.sys\n\tvma:  Hint/Ord Member-Name Bound-To\n"
+
+    def test_the_framework_functions_by_name_beside_the_kernel_pass(self):
+        ci.check_client_imports(DUMP + self.FRAMEWORK + "\t7300\t    3  Filter_RegisterDriver\n",
+                                self.HEADER, "ndisfilter.sys")
+
+    def test_no_named_framework_import_or_an_undeclared_one_or_another_dll_fails(self):
+        for extra, message in (("", "imports no function from ndisfilter.sys by name"),
+                               (self.FRAMEWORK + "\t7300\t    3  Filter_Secret\n", "does not export: Filter_Secret"),
+                               ("\n\tDLL Name: msvcrt.dll\n\tvma:  Hint/Ord Member-Name Bound-To\n"
+                                "\t7300\t  120  malloc\n", "imports from msvcrt.dll: malloc")):
+            with self.assertRaisesRegex(ci.CheckFailed, message):
+                ci.check_client_imports(DUMP + extra, self.HEADER, "ndisfilter.sys")
+
+
 class SubsystemAndLayout(unittest.TestCase):
     HEADERS = """
 Sections:

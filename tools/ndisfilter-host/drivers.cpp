@@ -1,5 +1,6 @@
 /* drivers.cpp - loading and unloading the drivers of a run (see drivers.h). */
 #include "drivers.h"
+#include "locate.h"
 
 #include <hostkernel.h>
 #include <ndisfilter.h>
@@ -65,7 +66,7 @@ void WriteClientSettings(const Options &options)
 /* The address of `symbol` in the loaded image `path`, or nullptr. The image stays loaded by its driver. */
 void *FindExport(const char *path, const char *symbol)
 {
-    void *image = dlopen(path, RTLD_NOW | RTLD_NOLOAD);
+    void *image = dlopen(ExampleImage(path).c_str(), RTLD_NOW | RTLD_NOLOAD);
     if (image == nullptr)
         return nullptr;
     void *address = dlsym(image, symbol);
@@ -105,8 +106,10 @@ bool DriverStack::Load(const Options &options, std::string *error)
 
     WriteClientSettings(options);
     for (Client &client : m_clients) {
+        if (!options.Examples)
+            break;
         PDRIVER_OBJECT driver = nullptr;
-        status = HkLoadDriverImage(client.Image, client.Service, &driver);
+        status = HkLoadDriverImage(ExampleImage(client.Image).c_str(), client.Service, &driver);
         if (!NT_SUCCESS(status)) {
             if (driver != nullptr)
                 HkDiscardDriver(driver);
@@ -117,7 +120,7 @@ bool DriverStack::Load(const Options &options, std::string *error)
         client.Driver = driver;
     }
     if (!options.CollectorAddress.empty()) {
-        status = HkLoadDriverImage(NF_HOST_COLLECTOR_IMAGE, EXAMPLE_COLLECTOR_SERVICE_NAME, &m_collector);
+        status = HkLoadDriverImage(ExampleImage(NF_HOST_COLLECTOR_IMAGE).c_str(), EXAMPLE_COLLECTOR_SERVICE_NAME, &m_collector);
         if (!NT_SUCCESS(status)) {
             if (m_collector != nullptr)
                 HkDiscardDriver(m_collector);
@@ -127,6 +130,29 @@ bool DriverStack::Load(const Options &options, std::string *error)
                      StatusText(status);
             return false;
         }
+    }
+    return LoadNamed(options, error);
+}
+
+/* LoadNamed - the --driver images, each after its service key got the settings given for it. */
+bool DriverStack::LoadNamed(const Options &options, std::string *error)
+{
+    for (const ClientImage &client : options.Drivers) {
+        std::string key = ServiceKey(client.Service.c_str());
+        HkRegistryCreateKey(key.c_str());
+        for (const auto &setting : client.Strings)
+            HkRegistrySetString(key.c_str(), setting.first.c_str(), setting.second.c_str());
+        for (const auto &setting : client.Dwords)
+            HkRegistrySetDword(key.c_str(), setting.first.c_str(), setting.second);
+        PDRIVER_OBJECT driver = nullptr;
+        NTSTATUS status = HkLoadDriverImage(client.Image.c_str(), client.Service.c_str(), &driver);
+        if (!NT_SUCCESS(status)) {
+            if (driver != nullptr)
+                HkDiscardDriver(driver);
+            *error = client.Service + " did not load (" + client.Image + "), status " + StatusText(status);
+            return false;
+        }
+        m_named.push_back(driver);
     }
     return true;
 }
@@ -165,6 +191,10 @@ bool DriverStack::ReadCounters(ClientCounters *counters, std::string *error) con
 
 void DriverStack::UnloadClients()
 {
+    while (!m_named.empty()) {
+        HkUnloadDriver(m_named.back());
+        m_named.pop_back();
+    }
     if (m_collector != nullptr) {
         HkUnloadDriver(m_collector);
         m_collector = nullptr;

@@ -1,7 +1,8 @@
 /*
  * drivers.h - the drivers of a run: the framework, the simulated hook driver
- * (bound) and the four example clients loaded from their images, with the
- * service keys filled from the options first.
+ * (bound) and the five example clients (and the collector with --collector) loaded from their images, with the
+ * service keys filled from the options first, then the client driver images
+ * named with --driver (or only those, with --no-examples).
  */
 #pragma once
 
@@ -18,6 +19,7 @@
 #include "options.h"
 
 #include <string>
+#include <vector>
 
 namespace host {
 
@@ -48,12 +50,16 @@ public:
     void UnloadClients();
 
 private:
+    bool LoadNamed(const Options &options, std::string *error);
+
     struct Client {
         const char *Image;
         const char *Service;
         PDRIVER_OBJECT Driver;
     };
 
+    /* The drivers named with --driver, in loading order. */
+    std::vector<PDRIVER_OBJECT> m_named;
     PDRIVER_OBJECT m_framework = nullptr;
     PDRIVER_OBJECT m_hook = nullptr;
     PDRIVER_OBJECT m_collector = nullptr; /* loaded only with --collector */

@@ -1,5 +1,6 @@
 /* options.cpp - the command line of the host program. */
 #include "options.h"
+#include "locate.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +16,62 @@ bool ParseUnsigned(const char *text, unsigned long maximum, unsigned long *value
     if (end == text || *end != '\0' || text[0] == '-' || parsed > maximum)
         return false;
     *value = parsed;
+    return true;
+}
+
+/* The service name of an image: its file name without a "lib" prefix and without extension. */
+std::string ServiceOf(const std::string &image)
+{
+    std::string name = image.substr(image.rfind('/') + 1);
+    if (name.compare(0, 3, "lib") == 0 && name.size() > 3)
+        name = name.substr(3);
+    return name.substr(0, name.find('.'));
+}
+
+/* NAME=VALUE, both parts non-empty except the value of a string. */
+bool SplitSetting(const std::string &text, std::string *name, std::string *value)
+{
+    size_t equals = text.find('=');
+    if (equals == 0 || equals == std::string::npos)
+        return false;
+    *name = text.substr(0, equals);
+    *value = text.substr(equals + 1);
+    return true;
+}
+
+/* The options that name client drivers and their settings; TRUE when `arg` was one of them
+ * and was taken, FALSE with `error` set when it was one and is wrong, FALSE otherwise. */
+bool ParseDriverOption(const std::string &arg, const char *value, Options *options, std::string *error)
+{
+    if (arg == "--driver") {
+        ClientImage client;
+        client.Image = value;
+        client.Service = ServiceOf(client.Image);
+        options->Drivers.push_back(client);
+        return true;
+    }
+    if (arg != "--service" && arg != "--set" && arg != "--set-dword")
+        return false;
+    if (options->Drivers.empty()) {
+        *error = arg + " belongs to a --driver given before it";
+        return false;
+    }
+    ClientImage &client = options->Drivers.back();
+    std::string name, text;
+    unsigned long number = 0;
+    if (arg == "--service") {
+        client.Service = value;
+    } else if (!SplitSetting(value, &name, &text)) {
+        *error = arg + " takes NAME=VALUE";
+        return false;
+    } else if (arg == "--set") {
+        client.Strings.emplace_back(name, text);
+    } else if (!ParseUnsigned(text.c_str(), 0xFFFFFFFFul, &number)) {
+        *error = "--set-dword takes a 32-bit value";
+        return false;
+    } else {
+        client.Dwords.emplace_back(name, (unsigned)number);
+    }
     return true;
 }
 
@@ -40,12 +97,18 @@ void PrintUsage()
                  "  --collector ADDR:PORT   also load the collector client, which sends the start of\n"
                  "                          every frame to ADDR over UDP and TCP (both on PORT)\n"
                  "  --debug-mask VALUE      GlobalDebugFlag of the framework (default 0)\n"
-                 "  --quiet                 do not echo the drivers' trace to stderr\n");
+                 "  --quiet                 do not echo the drivers' trace to stderr\n"
+                 "  --driver IMAGE          also load this client driver image (repeatable; in order)\n"
+                 "  --service NAME          service name of the last --driver (default: its file name\n"
+                 "                          without \"lib\" and extension)\n"
+                 "  --set NAME=TEXT         REG_SZ value in the last --driver's service key\n"
+                 "  --set-dword NAME=N      REG_DWORD value in the last --driver's service key\n"
+                 "  --no-examples           load only the --driver images, not the example clients\n");
 }
 
 bool ParseOptions(int argc, char **argv, Options *options, std::string *error)
 {
-    options->OutputDir = NF_HOST_DEFAULT_OUTPUT;
+    options->OutputDir = OutputDirectory(NF_HOST_DEFAULT_OUTPUT);
     for (int i = 1; i < argc; i++) {
         std::string arg = argv[i];
         const bool hasValue = i + 1 < argc;
@@ -55,6 +118,12 @@ bool ParseOptions(int argc, char **argv, Options *options, std::string *error)
             return false;
         } else if (arg == "--quiet") {
             options->Quiet = true;
+        } else if (arg == "--no-examples") {
+            options->Examples = false;
+        } else if (hasValue && ParseDriverOption(arg, argv[i + 1], options, error)) {
+            i++;
+        } else if (!error->empty()) {
+            return false;
         } else if (!hasValue) {
             *error = "unknown option or missing value: " + arg;
             return false;
@@ -105,7 +174,11 @@ bool ParseOptions(int argc, char **argv, Options *options, std::string *error)
     if (options->CaptureLogDir.empty())
         options->CaptureLogDir = options->OutputDir + "/drive-c";
     if (options->Captures.empty())
-        options->Captures.push_back(NF_HOST_DEFAULT_CAPTURE);
+        options->Captures.push_back(Locate(NF_HOST_DEFAULT_CAPTURE, "share/ndisfilter/captures"));
+    if (!options->Examples && options->Drivers.empty()) {
+        *error = "--no-examples leaves no client driver: name one with --driver";
+        return false;
+    }
     return true;
 }
 

@@ -2,9 +2,18 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace host {
+
+/* A client driver image named on the command line, with its service-key settings. */
+struct ClientImage {
+    std::string Image;
+    std::string Service; /* default: the image's file name without "lib" and extension */
+    std::vector<std::pair<std::string, std::string>> Strings; /* REG_SZ values */
+    std::vector<std::pair<std::string, unsigned>> Dwords;     /* REG_DWORD values */
+};
 
 struct Options {
     std::vector<std::string> Captures; /* one adapter each; the default capture when none is given */
@@ -20,6 +29,8 @@ struct Options {
     int InjectProtocol = -1; /* -1: the injector's default */
     unsigned AppSend = 4;      /* frames per adapter the application sends toward the protocols */
     unsigned AppLoopback = 2;  /* frames the application sends back to itself */
+    bool Examples = true;      /* load the example clients */
+    std::vector<ClientImage> Drivers; /* further client drivers, loaded after the examples */
 };
 
 /* Parses argv; FALSE (with `error` set, empty for --help) when the program should not run. */

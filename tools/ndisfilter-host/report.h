@@ -18,6 +18,7 @@ namespace host {
 struct RunReport {
     const Adapters *ReplayAdapters = nullptr;
     bool Ran = false; /* the drivers loaded and the traffic part ran */
+    bool Examples = true; /* the example clients ran, so their counters can be balanced */
     bool HaveCounters = false;
     ClientCounters Counters = {};
     bool ApplicationStarted = false;

@@ -114,7 +114,9 @@ VOID GetEvent(ControlRequest &Request)
     }
     RtlCopyMemory(old, out + 12, rewritten + 4);
     ULONG id = 0;
-    if (Filter_AdapterToId(*(PFilterAdapter UNALIGNED *)(old + 4), &id) != FILTER_STATUS_SUCCESS) {
+    PFilterAdapter handle; /* at an odd offset of the record: copied out, not loaded in place */
+    RtlCopyMemory(&handle, old + 4, sizeof(handle));
+    if (Filter_AdapterToId(handle, &id) != FILTER_STATUS_SUCCESS) {
         NF_TRACE(NF_DBG_CORE, "    call Filter_AdapterToId func failure.\n");
         Request.Status = STATUS_INTERNAL_ERROR;
         ExFreePool(old);
