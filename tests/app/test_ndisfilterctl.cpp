@@ -517,12 +517,37 @@ TEST_F(NdisFilterCtlOnFramework, VersionCongestionAndAnEmptyEventQueue)
     EXPECT_EQ(congestion.Out, "inject packet maximum set to 77\n") << congestion.Err;
     EXPECT_EQ(g_pGlobal->m_nInjectPacketMax, 77u);
 
-    /* The hook driver answers GET_EVENT as an empty queue does, should the framework pass the code on. */
-    ASSERT_EQ(NdisHookClaimIoControl(IOCTL_NDIS_FILTER_GET_EVENT, STATUS_SUCCESS, nullptr, 0), STATUS_SUCCESS);
     Outcome events = RunTool({"events"});
     EXPECT_EQ(events.Status, nfctl::ExitOk) << events.Err;
     EXPECT_EQ(events.Out, "no event\n");
-    NdisHookReleaseIoControls();
+}
+
+TEST_F(NdisFilterCtlOnFramework, AdapterCommandsReachTheAdapterByIdAndByMac)
+{
+    ASSERT_EQ(m_adapterId, 1u);
+    Outcome list = RunTool({"adapters"});
+    EXPECT_EQ(list.Status, nfctl::ExitOk) << list.Err;
+    EXPECT_NE(list.Out.find("1     00:11:22:33:44:01  1500"), std::string::npos) << list.Out;
+    EXPECT_EQ(RunTool({"adapter-id", "00-11-22-33-44-01"}).Out, "adapter 1\n");
+    EXPECT_EQ(RunTool({"adapter-id", "00-11-22-33-44-99"}).Err,
+              "ndisfilterctl: GET_ADAPTER: adapter not found (status 0xC00000E5, error 1359)\n");
+
+    EXPECT_EQ(RunTool({"media", "1"}).Out, "00:11:22:33:44:01 media connected (0)\n");
+    EXPECT_EQ(RunTool({"media", "1", "disconnected"}).Status, nfctl::ExitOk);
+    EXPECT_EQ(RunTool({"media", "1"}).Out, "00:11:22:33:44:01 media disconnected (1)\n");
+    EXPECT_EQ(RunTool({"packet-dump", "1", "on"}).Status, nfctl::ExitOk);
+    EXPECT_EQ(RunTool({"packet-dump", "1"}).Out, "00:11:22:33:44:01 packet dump on\n");
+    EXPECT_TRUE(m_adapter->m_bPacketDump);
+
+    const char *expected = "adapter 1\n  address 10.1.2.3 netmask 255.255.255.0 broadcast 10.1.2.255\n"
+                           "  gateway 10.1.2.1\n  wins 0.0.0.0 0.0.0.0\n";
+    EXPECT_EQ(RunTool({"ipconfig", "1", "set", "address", "10.1.2.3/24", "gateway", "10.1.2.1"}).Out, expected);
+    EXPECT_EQ(RunTool({"ipconfig", "1"}).Out, expected);
+
+    Outcome info = RunTool({"diag", "filter", "show", "info"});
+    EXPECT_EQ(info.Status, nfctl::ExitOk) << info.Err;
+    EXPECT_NE(info.Out.find("- m_DeviceSymbolicLink = \\DosDevices\\NdisFilter"), std::string::npos) << info.Out;
+    EXPECT_EQ(RunTool({"diag", "nobody", "here"}).Err, "ndisfilterctl: no driver answered \"nobody here\"\n");
 }
 
 } // namespace

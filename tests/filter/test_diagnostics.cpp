@@ -204,3 +204,23 @@ TEST_F(Diagnostics, TheDebugMaskIsReloadedFromTheServiceKey)
     EXPECT_EQ(GlobalDebugFlag, 0x1000u);
     GlobalDebugFlag = 0;
 }
+
+TEST_F(Diagnostics, AdapterRequestsRefuseShortBuffersUnknownAdaptersAndAnUnboundHook)
+{
+    std::vector<UCHAR> buffer(9028);
+    ULONG_PTR returned = 1;
+    EXPECT_EQ(Request(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, buffer, 0, 9027, &returned), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(Request(IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES, buffer, 0, 9028, &returned), STATUS_INTERNAL_ERROR);
+    EXPECT_EQ(returned, 0u) << "no hook driver, no table";
+
+    *(ULONG *)buffer.data() = 77; /* an id never given */
+    EXPECT_EQ(Request(IOCTL_NDIS_FILTER_SET_IPCONFIG, buffer, 223, 0, &returned), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(Request(IOCTL_NDIS_FILTER_SET_IPCONFIG, buffer, 224, 0, &returned), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Request(IOCTL_NDIS_FILTER_GET_IPCONFIG, buffer, 0, 224, &returned), STATUS_INVALID_PARAMETER);
+
+    /* The getters by MAC measure the input first; an adapter nobody has is "not found". */
+    EXPECT_EQ(Request(IOCTL_NDIS_FILTER_GET_MEDIA_STATUS, buffer, 6, 0, &returned), STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(Request(IOCTL_NDIS_FILTER_GET_PACKET_DUMP, buffer, 7, 7, &returned), NDIS_STATUS_ADAPTER_NOT_FOUND);
+    EXPECT_EQ(Request(IOCTL_NDIS_FILTER_SET_PACKET_DUMP, buffer, 7, 0, &returned), NDIS_STATUS_ADAPTER_NOT_FOUND);
+    EXPECT_EQ(Request(IOCTL_NDIS_FILTER_GET_ADAPTER, buffer, 0, 10, &returned), STATUS_INTERNAL_ERROR);
+}

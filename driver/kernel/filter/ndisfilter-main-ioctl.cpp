@@ -89,6 +89,169 @@ VOID PutSharedMemorySize(ControlRequest &Request)
     Request.Information = sizeof(ULONG);
 }
 
+/* What user mode sees of the adapter table: a count, then per adapter its id and the entry behind its handle. */
+#define NF_USER_ADAPTER_ENTRY_SIZE (sizeof(ULONG) + sizeof(AdapterInfo) - FIELD_OFFSET(AdapterInfo, m_nAdapterMedium))
+#define NF_USER_ADAPTER_LIST_SIZE (sizeof(ULONG) + FILTER_MAX_ADAPTERS * NF_USER_ADAPTER_ENTRY_SIZE)
+C_ASSERT(NF_USER_ADAPTER_ENTRY_SIZE == 282 && NF_USER_ADAPTER_LIST_SIZE == 9028);
+/* An IP configuration as user mode carries it: the adapter's id in place of its handle. */
+#define NF_USER_IPCONFIG_BODY (sizeof(IPConfig) - sizeof(PFilterAdapter))
+#define NF_USER_IPCONFIG_SIZE (sizeof(ULONG) + NF_USER_IPCONFIG_BODY)
+C_ASSERT(NF_USER_IPCONFIG_SIZE == 224);
+
+/*
+ * GET_TCPIP_INTERFACES: the adapters bound to TCP/IP, each named by its
+ * identifier instead of its handle. Entries already written stay when a
+ * translation fails.
+ */
+VOID GetTcpIpInterfaces(ControlRequest &Request)
+{
+    NF_PRINT("  IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES\n");
+    if (!Request.OutputAtLeast(NF_USER_ADAPTER_LIST_SIZE))
+        return;
+    AdapterList *list = (AdapterList *)ExAllocatePool(NonPagedPool, FILTER_ADAPTER_LIST_SIZE);
+    if (list == NULL) {
+        NF_TRACE(NF_DBG_CORE, "    call ExAllocatePool func failure.\n");
+        Request.Status = STATUS_INSUFFICIENT_RESOURCES;
+        return;
+    }
+    RtlZeroMemory(Request.Buffer, NF_USER_ADAPTER_LIST_SIZE);
+    if (Filter_GetTcpIpBoundAdapters(list) != FILTER_STATUS_SUCCESS) {
+        Request.Status = STATUS_INTERNAL_ERROR;
+        ExFreePool(list);
+        return;
+    }
+    /* The count is bounded by the table it describes. */
+    ULONG count = list->m_nAdapterCount < FILTER_MAX_ADAPTERS ? list->m_nAdapterCount : FILTER_MAX_ADAPTERS;
+    *(ULONG UNALIGNED *)Request.Buffer = count;
+    PUCHAR entry = Request.Buffer + sizeof(ULONG);
+    for (ULONG i = 0; i < count; i++, entry += NF_USER_ADAPTER_ENTRY_SIZE) {
+        ULONG id = 0;
+        if (Filter_AdapterToId(list->m_Adapters[i].m_hAdapter, &id) != FILTER_STATUS_SUCCESS) {
+            NF_TRACE(NF_DBG_CORE, "    call Filter_AdapterToId func failure.\n");
+            Request.Status = STATUS_INTERNAL_ERROR;
+            break;
+        }
+        *(ULONG UNALIGNED *)entry = id;
+        RtlCopyMemory(entry + sizeof(ULONG), &list->m_Adapters[i].m_nAdapterMedium,
+                      NF_USER_ADAPTER_ENTRY_SIZE - sizeof(ULONG));
+    }
+    ExFreePool(list);
+    Request.Information = NF_USER_ADAPTER_LIST_SIZE;
+}
+
+/* A configuration record of the framework's own, its adapter named by the id at the start of `Buffer`. */
+PIPConfig IpConfigOfId(ControlRequest &Request)
+{
+    PIPConfig config = (PIPConfig)ExAllocatePool(NonPagedPool, sizeof(IPConfig));
+    if (config == NULL) {
+        NF_TRACE(NF_DBG_CORE, "    call ExAllocatePool func failure.\n");
+        Request.Status = STATUS_INSUFFICIENT_RESOURCES;
+        return NULL;
+    }
+    RtlZeroMemory(config, sizeof(IPConfig));
+    if (Filter_IdToAdapter(*(ULONG UNALIGNED *)Request.Buffer, &config->hAdapter) != FILTER_STATUS_SUCCESS) {
+        NF_TRACE(NF_DBG_CORE, "    Input Buffer adapter argument error\n");
+        Request.Status = STATUS_INVALID_PARAMETER;
+        ExFreePool(config);
+        return NULL;
+    }
+    return config;
+}
+
+/* SET_IPCONFIG: a new IP configuration for the adapter with the given id. */
+VOID SetIpConfig(ControlRequest &Request)
+{
+    NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_SET_IPCONFIG\n");
+    if (!Request.InputAtLeast(NF_USER_IPCONFIG_SIZE))
+        return;
+    PIPConfig config = IpConfigOfId(Request);
+    if (config == NULL)
+        return;
+    RtlCopyMemory((PUCHAR)config + sizeof(PFilterAdapter), Request.Buffer + sizeof(ULONG), NF_USER_IPCONFIG_BODY);
+    if (Filter_SetIPConfig(config) != FILTER_STATUS_SUCCESS)
+        Request.Status = NDIS_STATUS_ADAPTER_NOT_FOUND;
+    ExFreePool(config);
+}
+
+/*
+ * GET_IPCONFIG: the IP configuration of the adapter with the given id. Only
+ * the output is measured, as it always was; the id lies in the same buffer.
+ */
+VOID GetIpConfig(ControlRequest &Request)
+{
+    NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_GET_IPCONFIG\n");
+    if (!Request.OutputAtLeast(NF_USER_IPCONFIG_SIZE))
+        return;
+    PIPConfig config = IpConfigOfId(Request);
+    if (config == NULL)
+        return;
+    ULONG id = 0;
+    if (Filter_GetIPConfig(config->hAdapter, config) == NULL) {
+        Request.Status = NDIS_STATUS_ADAPTER_NOT_FOUND;
+    } else if (Filter_AdapterToId(config->hAdapter, &id) != FILTER_STATUS_SUCCESS) {
+        NF_TRACE(NF_DBG_CORE, "    call Filter_AdapterToId func failure.\n");
+        Request.Status = STATUS_INTERNAL_ERROR;
+    } else {
+        *(ULONG UNALIGNED *)Request.Buffer = id;
+        RtlCopyMemory(Request.Buffer + sizeof(ULONG), (PUCHAR)config + sizeof(PFilterAdapter), NF_USER_IPCONFIG_BODY);
+        Request.Information = NF_USER_IPCONFIG_SIZE;
+    }
+    ExFreePool(config);
+}
+
+/* The requests that name an adapter by MAC: 6 bytes of address, then one byte of value. */
+const ULONG NF_MAC_REQUEST_SIZE = 7;
+
+/* SET_MEDIA_STATUS, SET_PACKET_DUMP: a byte for the adapter with the given MAC. */
+VOID SetByMac(ControlRequest &Request, FILTER_STATUS (NTAPI *set)(const UCHAR *, UCHAR))
+{
+    if (!Request.InputAtLeast(NF_MAC_REQUEST_SIZE))
+        return;
+    if (set(Request.Buffer, Request.Buffer[6]) != FILTER_STATUS_SUCCESS)
+        Request.Status = NDIS_STATUS_ADAPTER_NOT_FOUND;
+}
+
+FILTER_STATUS NTAPI SetPacketDumpByMac(const UCHAR *Mac, UCHAR On)
+{
+    return Filter_SetAdapterPacketDump(Mac, On != 0);
+}
+
+/* GET_MEDIA_STATUS, GET_PACKET_DUMP: the byte of the adapter with the given MAC, behind the MAC. */
+template <typename Value>
+VOID GetByMac(ControlRequest &Request, FILTER_STATUS (NTAPI *get)(const UCHAR *, Value *))
+{
+    if (!Request.InputAtLeast(NF_MAC_REQUEST_SIZE) || !Request.OutputAtLeast(NF_MAC_REQUEST_SIZE))
+        return;
+    Value value = 0;
+    if (get(Request.Buffer, &value) != FILTER_STATUS_SUCCESS) {
+        Request.Status = NDIS_STATUS_ADAPTER_NOT_FOUND;
+        return;
+    }
+    Request.Buffer[6] = (UCHAR)value;
+    Request.Information = NF_MAC_REQUEST_SIZE;
+}
+
+/* GET_ADAPTER: the id of the adapter with the given MAC, behind the MAC. Only the output is measured. */
+VOID GetAdapter(ControlRequest &Request)
+{
+    NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_GET_ADAPTER\n");
+    if (!Request.OutputAtLeast(10))
+        return;
+    PFilterAdapter adapter = NULL;
+    ULONG id = 0;
+    if (Filter_FindAdapterByMacAddress(Request.Buffer, &adapter) != FILTER_STATUS_SUCCESS) {
+        Request.Status = STATUS_INTERNAL_ERROR;
+        return;
+    }
+    if (Filter_AdapterToId(adapter, &id) != FILTER_STATUS_SUCCESS) {
+        NF_TRACE(NF_DBG_CORE, "    call Filter_AdapterToId func failure.\n");
+        Request.Status = STATUS_INTERNAL_ERROR;
+        return;
+    }
+    *(ULONG UNALIGNED *)(Request.Buffer + 6) = id;
+    Request.Information = 10;
+}
+
 /*
  * GET_EVENT: the oldest queued event, with the adapter handle its first bytes
  * of text may carry replaced by that handle's identifier, or zeroes and no
@@ -313,6 +476,34 @@ EXTERN_C NTSTATUS NTAPI NdisFilterIoControl(PDEVICE_OBJECT DeviceObject, PIRP Ir
         break;
     case IOCTL_NDIS_FILTER_GET_EVENT:
         GetEvent(request);
+        break;
+    case IOCTL_NDIS_FILTER_GET_TCPIP_INTERFACES:
+        GetTcpIpInterfaces(request);
+        break;
+    case IOCTL_NDIS_FILTER_SET_IPCONFIG:
+        SetIpConfig(request);
+        break;
+    case IOCTL_NDIS_FILTER_GET_IPCONFIG:
+        GetIpConfig(request);
+        break;
+    case IOCTL_NDIS_FILTER_SET_MEDIA_STATUS:
+        NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_SET_IPCONFIG\n"); /* the name it has always traced */
+        SetByMac(request, Filter_SetAdapterMediaStateByMac);
+        break;
+    case IOCTL_NDIS_FILTER_GET_MEDIA_STATUS:
+        NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_GET_MEDIA_STATUS\n");
+        GetByMac<ULONG>(request, Filter_GetAdapterMediaStateByMac);
+        break;
+    case IOCTL_NDIS_FILTER_SET_PACKET_DUMP:
+        NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_SET_PACKET_DUMP\n");
+        SetByMac(request, SetPacketDumpByMac);
+        break;
+    case IOCTL_NDIS_FILTER_GET_PACKET_DUMP:
+        NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_GET_PACKET_DUMP\n");
+        GetByMac<BOOLEAN>(request, Filter_GetAdapterPacketDump);
+        break;
+    case IOCTL_NDIS_FILTER_GET_ADAPTER:
+        GetAdapter(request);
         break;
     case IOCTL_NDIS_FILTER_CLEAR_EVENT:
         NF_TRACE(NF_DBG_CORE, "  IOCTL_NDIS_FILTER_GET_EVENT\n"); /* the name it has always traced */
