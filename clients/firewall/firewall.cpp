@@ -10,6 +10,7 @@
  */
 #include "firewall-rules.h"
 #include "example-flow-tracker.h"
+#include "example-diag.h"
 #include "example-registration.h"
 
 namespace {
@@ -172,6 +173,33 @@ const EXAMPLE_PLACEMENT Placements[] = {
     {"ExampleFirewallOut", FILTER_TYPE_OUTGOING_PACKET, FILTER_ORDER_FIRST, EXAMPLE_CHAIN_OUTGOING},
 };
 
+/* "ExampleFirewall show": each rule with its matches, and the counters per chain. */
+VOID ShowFirewall(PDiag Diag)
+{
+    static const char *const Chains[EXAMPLE_CHAIN_COUNT] = {"incoming", "outgoing"};
+    Filter_DiagPrint(Diag, "rules: %lu, flow tracker %s, replies let in %ld\n", (ULONG)State.Rules.Count,
+                     State.Flows != NULL ? "present" : "absent", (LONG)State.Replies);
+    for (ULONG i = 0; i < State.Rules.Count; i++) {
+        const firewall::Rule &rule = State.Rules.Rules[i];
+        Filter_DiagPrint(Diag, "rule %lu: %.*s - matched %ld incoming, %ld outgoing\n", i + 1,
+                         (int)sizeof(rule.Text), rule.Text, (LONG)rule.Matches[EXAMPLE_CHAIN_INCOMING],
+                         (LONG)rule.Matches[EXAMPLE_CHAIN_OUTGOING]);
+    }
+    for (ULONG chain = 0; chain < EXAMPLE_CHAIN_COUNT; chain++)
+        Filter_DiagPrint(Diag, "%s: inspected %ld, discarded %ld\n", Chains[chain], (LONG)State.Inspected[chain],
+                         (LONG)State.Discarded[chain]);
+}
+
+NTSTATUS NTAPI FirewallControl(PVOID Context, PIRP Irp, ULONG Code, PVOID Input, ULONG InputLength, PVOID Output,
+                               ULONG OutputLength, PULONG_PTR BytesReturned)
+{
+    UNREFERENCED_PARAMETER(Context);
+    UNREFERENCED_PARAMETER(Irp);
+    UNREFERENCED_PARAMETER(BytesReturned);
+    return ExampleAnswerDiag(EXAMPLE_FIREWALL_SERVICE_NAME, "Example firewall", Code, Input, InputLength, Output,
+                             OutputLength, ShowFirewall);
+}
+
 } // namespace
 
 /* ExampleFirewall_GetCounters - a snapshot of the rules and their counters. Any IRQL. */
@@ -217,6 +245,9 @@ EXTERN_C NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING
         return STATUS_UNSUCCESSFUL;
     }
     QueryFlows(&State);
+    /* Its diagnostics only: a firewall that cannot answer them still filters. */
+    PIoCtrlHandler handler = NULL;
+    Filter_RegisterIoControl(State.Driver, FirewallControl, NULL, &handler);
     DriverObject->DriverUnload = FirewallUnload;
     return STATUS_SUCCESS;
 }

@@ -9,6 +9,7 @@
 #include <ndis.h>
 #include <ndisfilter.h>
 
+#include "example-event.h"
 #include "example-monitor.h"
 
 namespace {
@@ -170,13 +171,14 @@ VOID NTAPI OnAdapterEvent(PFilterDriver FilterDriver, PVOID DriverContext, ULONG
         CHAR address[16], mask[16];
         if (Filter_GetIPConfig(Adapter, &config) == NULL)
             RtlZeroMemory(&config, sizeof(config));
-        reported = Filter_ReportEvent(Event, record->Id, "ExampleMonitor: adapter %u (%s) %s: %u addresses, first %s/%s",
+        reported = ExampleReportAdapterEvent(Event, record->Id, Event, Adapter,
+                                             "ExampleMonitor: adapter %u (%s) %s: %u addresses, first %s/%s",
                                       (unsigned)record->Id, mac, EventTexts[Event], (unsigned)config.m_nIP,
                                       inet_ntoa(config.m_IP[0].IpAddress, address, sizeof(address)),
                                       inet_ntoa(config.m_IP[0].Netmask, mask, sizeof(mask)));
     } else {
-        reported = Filter_ReportEvent(Event, record->Id, "ExampleMonitor: adapter %u (%s) %s", (unsigned)record->Id,
-                                      mac, EventTexts[Event]);
+        reported = ExampleReportAdapterEvent(Event, record->Id, Event, Adapter, "ExampleMonitor: adapter %u (%s) %s",
+                                             (unsigned)record->Id, mac, EventTexts[Event]);
     }
     if (reported == FILTER_STATUS_SUCCESS)
         InterlockedIncrement(&State.Reported);

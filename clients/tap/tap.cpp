@@ -7,6 +7,7 @@
 #include <ndis.h>
 #include <ndisfilter.h>
 
+#include "example-diag.h"
 #include "example-packet.h"
 #include "example-registration.h"
 #include "example-tap.h"
@@ -121,6 +122,29 @@ const EXAMPLE_PLACEMENT Placements[] = {
     {"ExampleTapOut", FILTER_TYPE_OUTGOING_PACKET, TapOrder, EXAMPLE_CHAIN_OUTGOING},
 };
 
+/* "ExampleTap show": the ports it copies and its counters per chain. */
+VOID ShowTap(PDiag Diag)
+{
+    Filter_DiagPrint(Diag, "ports:");
+    for (ULONG i = 0; i < State.PortCount; i++)
+        Filter_DiagPrint(Diag, " %u", (unsigned)State.Ports[i]);
+    Filter_DiagPrint(Diag, "\n");
+    static const char *const Chains[EXAMPLE_CHAIN_COUNT] = {"incoming", "outgoing"};
+    for (ULONG chain = 0; chain < EXAMPLE_CHAIN_COUNT; chain++)
+        Filter_DiagPrint(Diag, "%s: inspected %ld, copied to the application %ld, incomplete %ld\n", Chains[chain],
+                         (LONG)State.Inspected[chain], (LONG)State.Indicated[chain], (LONG)State.Incomplete[chain]);
+}
+
+NTSTATUS NTAPI TapControl(PVOID Context, PIRP Irp, ULONG Code, PVOID Input, ULONG InputLength, PVOID Output,
+                          ULONG OutputLength, PULONG_PTR BytesReturned)
+{
+    UNREFERENCED_PARAMETER(Context);
+    UNREFERENCED_PARAMETER(Irp);
+    UNREFERENCED_PARAMETER(BytesReturned);
+    return ExampleAnswerDiag(EXAMPLE_TAP_SERVICE_NAME, "Example tap", Code, Input, InputLength, Output, OutputLength,
+                             ShowTap);
+}
+
 } // namespace
 
 /* ExampleTap_GetCounters - a snapshot of the ports and counters. Any IRQL. */
@@ -151,6 +175,9 @@ EXTERN_C NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING
         ExampleRegister(EXAMPLE_TAP_SERVICE_NAME, &State, Inspect, Placements, RTL_NUMBER_OF(Placements), &State.Driver);
     if (!NT_SUCCESS(status))
         return status;
+    /* Its diagnostics only: a tap that cannot answer them still taps. */
+    PIoCtrlHandler handler = NULL;
+    Filter_RegisterIoControl(State.Driver, TapControl, NULL, &handler);
     DriverObject->DriverUnload = TapUnload;
     return STATUS_SUCCESS;
 }

@@ -5,6 +5,7 @@
  */
 #include "app_fixture.h"
 
+#include "example-event.h"
 #include "example-monitor.h"
 
 #include <string>
@@ -29,7 +30,7 @@ protected:
         std::vector<std::string> texts;
         PLIST_ENTRY head = &g_pGlobal->m_FilterLogList;
         for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink)
-            texts.emplace_back(CONTAINING_RECORD(link, FilterLogRecord, m_Link)->m_Text);
+            texts.emplace_back(CONTAINING_RECORD(link, FilterLogRecord, m_Link)->m_Text + EXAMPLE_EVENT_TEXT_OFFSET);
         return texts;
     }
 };

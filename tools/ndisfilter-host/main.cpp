@@ -187,6 +187,12 @@ void RunTraffic(const host::Options &options, host::DriverStack &drivers, Adapte
     report->HaveFlows = options.Examples && host::ListFlows(&report->Flows, &error);
     if (options.Examples && !report->HaveFlows)
         report->Problems.push_back(error);
+    if (options.Examples) {
+        report->ControlPlane = host::AskControlPlane();
+        for (const host::ControlAnswer &answer : report->ControlPlane)
+            if (answer.Status != 0)
+                report->Problems.push_back("ndisfilterctl " + answer.Command + " failed: " + answer.Output);
+    }
 
     const int64_t now = (int64_t)std::time(nullptr);
     host::CollectDelivered(adapters, now);

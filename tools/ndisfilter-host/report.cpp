@@ -184,6 +184,10 @@ void PrintTraffic(const RunReport &report)
     }
     if (report.HaveFlows)
         PrintFlows(report.Flows);
+    for (const ControlAnswer &answer : report.ControlPlane) {
+        std::printf("$ ndisfilterctl %s\n", answer.Command.c_str());
+        std::fputs(answer.Output.c_str(), stdout);
+    }
 
     if (report.ApplicationStarted) {
         const ApplicationSide::Statistics &a = report.Application;

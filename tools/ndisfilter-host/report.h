@@ -5,6 +5,7 @@
 #pragma once
 
 #include "adapters.h"
+#include "control-plane.h"
 #include "application.h"
 #include "drivers.h"
 #include "flows.h"
@@ -36,6 +37,7 @@ struct RunReport {
     std::vector<std::string> Findings;                    /* the runtime's verifier findings */
     bool HaveFlows = false;
     FlowTable Flows; /* the flow tracker's table, through its control request */
+    std::vector<ControlAnswer> ControlPlane; /* events and diagnostics, as ndisfilterctl shows them */
 };
 
 /*
