@@ -413,7 +413,7 @@ def run(args, check):
     elif check == "imports":
         check_imports(dump)
     elif check == "client-imports":
-        check_client_imports(dump, read_text(args.header), args.framework)
+        check_client_imports(dump, "\n".join(read_text(h) for h in args.header), args.framework)
     elif check == "exports":
         # The image's exports may be declared over several public headers.
         check_exports(dump, image_name, "\n".join(read_text(h) for h in args.header),

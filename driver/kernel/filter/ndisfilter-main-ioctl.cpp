@@ -131,7 +131,7 @@ VOID GetTcpIpInterfaces(ControlRequest &Request)
             Request.Status = STATUS_INTERNAL_ERROR;
             break;
         }
-        *(ULONG UNALIGNED *)entry = id;
+        RtlCopyMemory(entry, &id, sizeof(id)); /* entries are 282 bytes apart: not aligned */
         RtlCopyMemory(entry + sizeof(ULONG), &list->m_Adapters[i].m_nAdapterMedium,
                       NF_USER_ADAPTER_ENTRY_SIZE - sizeof(ULONG));
     }
@@ -248,7 +248,7 @@ VOID GetAdapter(ControlRequest &Request)
         Request.Status = STATUS_INTERNAL_ERROR;
         return;
     }
-    *(ULONG UNALIGNED *)(Request.Buffer + 6) = id;
+    RtlCopyMemory(Request.Buffer + 6, &id, sizeof(id)); /* behind the MAC: not aligned */
     Request.Information = 10;
 }
 
