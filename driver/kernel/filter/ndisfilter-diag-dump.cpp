@@ -42,17 +42,19 @@ VOID DumpRwListEntries(PCSTR name, NDIS_RW_LOCK *lock, LIST_ENTRY *head)
     DumpEntries(head);
 }
 
+/* The debugger as a printer of the shared listings. */
+VOID __cdecl DebugLine(PCSTR format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    vDbgPrintEx(DPFLTR_IHVDRIVER_ID, DPFLTR_ERROR_LEVEL, format, args);
+    va_end(args);
+}
+
 VOID DumpRing(PCSTR name, const SharedBlockRing *ring)
 {
     NF_PRINT("- %s\n", name);
-    NF_PRINT("  - m_iBlockSize = %d\n", (int)ring->m_iBlockSize);
-    NF_PRINT("  - m_iBlockCount = %d\n", (int)ring->m_iBlockCount);
-    NF_PRINT("  - m_iBaseOffset = %d\n", (int)ring->m_iBaseOffset);
-    NF_PRINT("  - m_puBlockBase = 0x%p\n", (PVOID)(ULONG_PTR)ring->m_puBlockBase);
-    NF_PRINT("  - m_pkBlockBase = 0x%p\n", (PVOID)(ULONG_PTR)ring->m_pkBlockBase);
-    NF_PRINT("  - m_iRead = %d\n", (int)ring->m_iRead);
-    NF_PRINT("  - m_iWrite = %d\n", (int)ring->m_iWrite);
-    NF_PRINT("  - m_nCount = %d\n", (int)ring->m_nCount);
+    NdisFilter_PrintRing(DebugLine, ring);
 }
 
 VOID DumpHookApi(const NdisHookAPI &api)
@@ -60,48 +62,7 @@ VOID DumpHookApi(const NdisHookAPI &api)
     NF_PRINT("- m_NdisHookAPI\n");
     NF_PRINT("  - m_Size = %d\n", (int)api.m_Size);
     NF_PRINT("  - m_Flags = 0x%x\n", (unsigned)api.m_Flags);
-    NF_PRINT("  - m_MajorVersion = %d\n", (int)api.m_MajorVersion);
-    NF_PRINT("  - m_MinorVersion = %d\n", (int)api.m_MinorVersion);
-#define NF_DUMP_HOOK_FIELD(field) NF_PRINT("  - " #field " = 0x%p\n", (PVOID)api.field)
-    NF_DUMP_HOOK_FIELD(Filter_AdapterOpened);
-    NF_DUMP_HOOK_FIELD(Filter_AdapterStatusChanged);
-    NF_DUMP_HOOK_FIELD(Filter_AdapterClosed);
-    NF_DUMP_HOOK_FIELD(Filter_FilterReceivedPacket);
-    NF_DUMP_HOOK_FIELD(Filter_FilterSendPacket);
-    NF_DUMP_HOOK_FIELD(Hook_GetOsVersion);
-    NF_DUMP_HOOK_FIELD(Hook_HandleIoControl);
-    NF_DUMP_HOOK_FIELD(Hook_AllocatePacket);
-    NF_DUMP_HOOK_FIELD(Hook_FreePacket);
-    NF_DUMP_HOOK_FIELD(Hook_InjectPacketToAdapter);
-    NF_DUMP_HOOK_FIELD(Hook_InjectPacketToProtocol);
-    NF_DUMP_HOOK_FIELD(Hook_AllocateRequest);
-    NF_DUMP_HOOK_FIELD(Hook_MakeNdisRequest);
-    NF_DUMP_HOOK_FIELD(Hook_FreeRequest);
-    NF_DUMP_HOOK_FIELD(Hook_SetAdapterStatus);
-    NF_DUMP_HOOK_FIELD(Hook_GetAdapterStatus);
-    NF_DUMP_HOOK_FIELD(Hook_GetTcpIpBoundAdapters);
-    NF_DUMP_HOOK_FIELD(Hook_MmMapLockedPages);
-    NF_DUMP_HOOK_FIELD(Hook_MmUnmapLockedPages);
-#undef NF_DUMP_HOOK_FIELD
-}
-
-VOID DumpAdapterTable(const AdapterList &list)
-{
-    ULONG count = list.m_nAdapterCount < FILTER_MAX_ADAPTERS ? list.m_nAdapterCount : FILTER_MAX_ADAPTERS;
-    NF_PRINT("- m_nAdapterCount = %d\n", (int)list.m_nAdapterCount);
-    for (ULONG i = 0; i < count; i++) {
-        const AdapterInfo *info = &list.m_Adapters[i];
-        const UCHAR *p = info->m_PermanentAddress;
-        const UCHAR *c = info->m_CurrentAddress;
-        NF_PRINT("- m_AdapterList[%d] = 0x%p\n", (int)i, (PVOID)info);
-        NF_PRINT("  - m_hAdapter = 0x%p\n", (PVOID)info->m_hAdapter);
-        NF_PRINT("  - m_nAdapterMedium = %d\n", (int)info->m_nAdapterMedium);
-        NF_PRINT("  - m_usMTU = %d\n", (int)info->m_usMTU);
-        NF_PRINT("  - m_dwAdapterState = %d\n", (int)info->m_dwAdapterState);
-        NF_PRINT("  - m_PermanentAddress = %2.2x-%2.2x-%2.2x-%2.2x-%2.2x-%2.2x\n", p[0], p[1], p[2], p[3], p[4], p[5]);
-        NF_PRINT("  - m_CurrentAddress = %2.2x-%2.2x-%2.2x-%2.2x-%2.2x-%2.2x\n", c[0], c[1], c[2], c[3], c[4], c[5]);
-        NF_PRINT("  - m_szAdapterName = %.*s\n", (int)sizeof(info->m_szAdapterName), info->m_szAdapterName);
-    }
+    NdisFilter_PrintHookApi(DebugLine, api);
 }
 
 VOID DumpEventHandlers(NdisFilterDeviceExtension *global)
@@ -191,6 +152,68 @@ VOID DumpIoControlHandlers(NdisFilterDeviceExtension *global)
 
 } // namespace
 
+/* The ring header's eight fields, as the program may have left them: they are only printed. */
+VOID NdisFilter_PrintRing(NfPrinter Print, const SharedBlockRing *Ring)
+{
+    Print("  - m_iBlockSize = %d\n", (int)Ring->m_iBlockSize);
+    Print("  - m_iBlockCount = %d\n", (int)Ring->m_iBlockCount);
+    Print("  - m_iBaseOffset = %d\n", (int)Ring->m_iBaseOffset);
+    Print("  - m_puBlockBase = 0x%p\n", (PVOID)(ULONG_PTR)Ring->m_puBlockBase);
+    Print("  - m_pkBlockBase = 0x%p\n", (PVOID)(ULONG_PTR)Ring->m_pkBlockBase);
+    Print("  - m_iRead = %d\n", (int)Ring->m_iRead);
+    Print("  - m_iWrite = %d\n", (int)Ring->m_iWrite);
+    Print("  - m_nCount = %d\n", (int)Ring->m_nCount);
+}
+
+/* The version and the nineteen functions of a hook record, in record order. */
+VOID NdisFilter_PrintHookApi(NfPrinter Print, const NdisHookAPI &Api)
+{
+    Print(" - m_MajorVersion = 0x%p\n", (PVOID)(ULONG_PTR)Api.m_MajorVersion);
+    Print(" - m_MinorVersion = 0x%p\n", (PVOID)(ULONG_PTR)Api.m_MinorVersion);
+#define NF_PRINT_HOOK_FIELD(field) Print(" - " #field " = 0x%p\n", (PVOID)Api.field)
+    NF_PRINT_HOOK_FIELD(Filter_AdapterOpened);
+    NF_PRINT_HOOK_FIELD(Filter_AdapterStatusChanged);
+    NF_PRINT_HOOK_FIELD(Filter_AdapterClosed);
+    NF_PRINT_HOOK_FIELD(Filter_FilterReceivedPacket);
+    NF_PRINT_HOOK_FIELD(Filter_FilterSendPacket);
+    NF_PRINT_HOOK_FIELD(Hook_GetOsVersion);
+    NF_PRINT_HOOK_FIELD(Hook_HandleIoControl);
+    NF_PRINT_HOOK_FIELD(Hook_AllocatePacket);
+    NF_PRINT_HOOK_FIELD(Hook_FreePacket);
+    NF_PRINT_HOOK_FIELD(Hook_InjectPacketToAdapter);
+    NF_PRINT_HOOK_FIELD(Hook_InjectPacketToProtocol);
+    NF_PRINT_HOOK_FIELD(Hook_AllocateRequest);
+    NF_PRINT_HOOK_FIELD(Hook_MakeNdisRequest);
+    NF_PRINT_HOOK_FIELD(Hook_FreeRequest);
+    NF_PRINT_HOOK_FIELD(Hook_SetAdapterStatus);
+    NF_PRINT_HOOK_FIELD(Hook_GetAdapterStatus);
+    NF_PRINT_HOOK_FIELD(Hook_GetTcpIpBoundAdapters);
+    NF_PRINT_HOOK_FIELD(Hook_MmMapLockedPages);
+    NF_PRINT_HOOK_FIELD(Hook_MmUnmapLockedPages);
+#undef NF_PRINT_HOOK_FIELD
+}
+
+/* The adapter table entry by entry, read as it stands (without its lock). */
+VOID NdisFilter_PrintAdapterTable(NfPrinter Print)
+{
+    const AdapterList &list = g_pGlobal->m_AdapterList;
+    ULONG count = list.m_nAdapterCount < FILTER_MAX_ADAPTERS ? list.m_nAdapterCount : FILTER_MAX_ADAPTERS;
+    Print("- m_nAdapterCount = %d\n", (int)list.m_nAdapterCount);
+    for (ULONG i = 0; i < count; i++) {
+        const AdapterInfo *info = &list.m_Adapters[i];
+        const UCHAR *p = info->m_PermanentAddress;
+        const UCHAR *c = info->m_CurrentAddress;
+        Print("- m_AdapterList[%d] = 0x%p\n", (int)i, (PVOID)info);
+        Print("  - m_hAdapter = 0x%p\n", (PVOID)info->m_hAdapter);
+        Print("  - m_nAdapterMedium = %d\n", (int)info->m_nAdapterMedium);
+        Print("  - m_usMTU = %d\n", (int)info->m_usMTU);
+        Print("  - m_dwAdapterState = %d\n", (int)info->m_dwAdapterState);
+        Print("  - m_PermanentAddress = %2.2x-%2.2x-%2.2x-%2.2x-%2.2x-%2.2x\n", p[0], p[1], p[2], p[3], p[4], p[5]);
+        Print("  - m_CurrentAddress = %2.2x-%2.2x-%2.2x-%2.2x-%2.2x-%2.2x\n", c[0], c[1], c[2], c[3], c[4], c[5]);
+        Print("  - m_szAdapterName = %.*s\n", (int)sizeof(info->m_szAdapterName), info->m_szAdapterName);
+    }
+}
+
 /*
  * NdisFilter_DumpDeviceExtension - the whole global state, one line per
  * field. IRQL = PASSIVE_LEVEL.
@@ -238,7 +261,7 @@ VOID NdisFilter_DumpDeviceExtension(VOID)
     DumpPointer("m_WorkThreadExitEvent", &global->m_WorkThreadExitEvent);
 
     DumpPointer("m_AdapterListLock", &global->m_AdapterListLock);
-    DumpAdapterTable(global->m_AdapterList);
+    NdisFilter_PrintAdapterTable(DebugLine);
     DumpPointer("m_pContextLock", &global->m_pContextLock);
     for (int i = 0; i < NF_CONTEXT_SLOTS; i++)
         NF_PRINT("- m_pContextDriver[%d] = 0x%p\n", i, (PVOID)global->m_pContextDriver[i]);

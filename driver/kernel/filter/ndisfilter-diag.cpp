@@ -135,7 +135,7 @@ FILTER_STATUS AppendDiagText(PCSTR format, va_list args)
 }
 
 /* Filter_DiagPrint without its trace frame, for the framework's own replies. */
-VOID Reply(PCSTR format, ...)
+VOID __cdecl Reply(PCSTR format, ...)
 {
     va_list args;
     va_start(args, format);
@@ -162,42 +162,7 @@ VOID ReplyHookApi()
         NfReadLock lock(&g_pGlobal->m_HookAPILock);
         api = g_pGlobal->m_NdisHookAPI;
     }
-    Reply(" - m_MajorVersion = 0x%p\n", (PVOID)(ULONG_PTR)api.m_MajorVersion);
-    Reply(" - m_MinorVersion = 0x%p\n", (PVOID)(ULONG_PTR)api.m_MinorVersion);
-#define NF_REPLY_HOOK_FIELD(field) Reply(" - " #field " = 0x%p\n", (PVOID)api.field)
-    NF_REPLY_HOOK_FIELD(Filter_AdapterOpened);
-    NF_REPLY_HOOK_FIELD(Filter_AdapterStatusChanged);
-    NF_REPLY_HOOK_FIELD(Filter_AdapterClosed);
-    NF_REPLY_HOOK_FIELD(Filter_FilterReceivedPacket);
-    NF_REPLY_HOOK_FIELD(Filter_FilterSendPacket);
-    NF_REPLY_HOOK_FIELD(Hook_GetOsVersion);
-    NF_REPLY_HOOK_FIELD(Hook_HandleIoControl);
-    NF_REPLY_HOOK_FIELD(Hook_AllocatePacket);
-    NF_REPLY_HOOK_FIELD(Hook_FreePacket);
-    NF_REPLY_HOOK_FIELD(Hook_InjectPacketToAdapter);
-    NF_REPLY_HOOK_FIELD(Hook_InjectPacketToProtocol);
-    NF_REPLY_HOOK_FIELD(Hook_AllocateRequest);
-    NF_REPLY_HOOK_FIELD(Hook_MakeNdisRequest);
-    NF_REPLY_HOOK_FIELD(Hook_FreeRequest);
-    NF_REPLY_HOOK_FIELD(Hook_SetAdapterStatus);
-    NF_REPLY_HOOK_FIELD(Hook_GetAdapterStatus);
-    NF_REPLY_HOOK_FIELD(Hook_GetTcpIpBoundAdapters);
-    NF_REPLY_HOOK_FIELD(Hook_MmMapLockedPages);
-    NF_REPLY_HOOK_FIELD(Hook_MmUnmapLockedPages);
-#undef NF_REPLY_HOOK_FIELD
-}
-
-/* A ring header as the program may have left it: its values are only printed. */
-VOID ReplyRing(const SharedBlockRing *ring)
-{
-    Reply("  - m_iBlockSize = %d\n", (int)ring->m_iBlockSize);
-    Reply("  - m_iBlockCount = %d\n", (int)ring->m_iBlockCount);
-    Reply("  - m_iBaseOffset = %d\n", (int)ring->m_iBaseOffset);
-    Reply("  - m_puBlockBase = 0x%p\n", (PVOID)(ULONG_PTR)ring->m_puBlockBase);
-    Reply("  - m_pkBlockBase = 0x%p\n", (PVOID)(ULONG_PTR)ring->m_pkBlockBase);
-    Reply("  - m_iRead = %d\n", (int)ring->m_iRead);
-    Reply("  - m_iWrite = %d\n", (int)ring->m_iWrite);
-    Reply("  - m_nCount = %d\n", (int)ring->m_nCount);
+    NdisFilter_PrintHookApi(Reply, api);
 }
 
 VOID ReplySharedMemory()
@@ -208,32 +173,12 @@ VOID ReplySharedMemory()
     Reply("- m_pPendingReadIrp = 0x%p\n", (PVOID)global->m_pPendingReadIrp);
     if (global->m_pSharedMemory != NULL) {
         Reply("- m_SharedMemory.KernelModeInput\n");
-        ReplyRing(&global->m_pSharedMemory->KernelModeInput);
+        NdisFilter_PrintRing(Reply, &global->m_pSharedMemory->KernelModeInput);
         Reply("- m_pSharedMemory.KernelModeOutput\n");
-        ReplyRing(&global->m_pSharedMemory->KernelModeOutput);
+        NdisFilter_PrintRing(Reply, &global->m_pSharedMemory->KernelModeOutput);
     }
     Reply("- m_nNdisHelperWorkThread = %d\n", (int)global->m_nNdisHelperWorkThread);
     Reply("- m_hShareMemoryThread[%d] = 0x%p\n", 0, (PVOID)global->m_hShareMemoryThread[0]);
-}
-
-VOID ReplyAdapters()
-{
-    const AdapterList &list = g_pGlobal->m_AdapterList;
-    ULONG count = list.m_nAdapterCount < FILTER_MAX_ADAPTERS ? list.m_nAdapterCount : FILTER_MAX_ADAPTERS;
-    Reply("- m_nAdapterCount = %d\n", (int)list.m_nAdapterCount);
-    for (ULONG i = 0; i < count; i++) {
-        const AdapterInfo *info = &list.m_Adapters[i];
-        const UCHAR *p = info->m_PermanentAddress;
-        const UCHAR *c = info->m_CurrentAddress;
-        Reply("- m_AdapterList[%d] = 0x%p\n", (int)i, (PVOID)info);
-        Reply("  - m_hAdapter = 0x%p\n", (PVOID)info->m_hAdapter);
-        Reply("  - m_nAdapterMedium = %d\n", (int)info->m_nAdapterMedium);
-        Reply("  - m_usMTU = %d\n", (int)info->m_usMTU);
-        Reply("  - m_dwAdapterState = %d\n", (int)info->m_dwAdapterState);
-        Reply("  - m_PermanentAddress = %2.2x-%2.2x-%2.2x-%2.2x-%2.2x-%2.2x\n", p[0], p[1], p[2], p[3], p[4], p[5]);
-        Reply("  - m_CurrentAddress = %2.2x-%2.2x-%2.2x-%2.2x-%2.2x-%2.2x\n", c[0], c[1], c[2], c[3], c[4], c[5]);
-        Reply("  - m_szAdapterName = %.*s\n", (int)sizeof(info->m_szAdapterName), info->m_szAdapterName);
-    }
 }
 
 VOID ReplyDrivers()
@@ -301,7 +246,7 @@ VOID AnswerFilterCommand(LONG argc)
             return;
         }
         if (SameWord(what, "adapter")) {
-            ReplyAdapters();
+            NdisFilter_PrintAdapterTable(Reply);
             return;
         }
         if (SameWord(what, "driver")) {

@@ -222,6 +222,11 @@ ULONG Filter_EndDiag(VOID);
 NTSTATUS NdisFilter_DiagHandler(PVOID InputBuffer, ULONG InputLength, PVOID OutputBuffer, ULONG OutputLength);
 /* Prints the whole global state to the debugger, whatever the mask says. */
 VOID NdisFilter_DumpDeviceExtension(VOID);
+/* Listings both the dump and the diagnostic replies print, each through its own printer. */
+typedef VOID(__cdecl *NfPrinter)(PCSTR Format, ...);
+VOID NdisFilter_PrintRing(NfPrinter Print, const SharedBlockRing *Ring);
+VOID NdisFilter_PrintHookApi(NfPrinter Print, const NdisHookAPI &Api);
+VOID NdisFilter_PrintAdapterTable(NfPrinter Print);
 
 /* ---- shared-memory channel (ndisfilter-sharedmem.cpp) ---- */
 EXTERN_C PMappedMemory NdisFilter_AllocateMappedMemory(VOID);
