@@ -6,6 +6,7 @@
  * its own. Counters through ExampleFlowTracker_GetCounters.
  */
 #include "flow-table.h"
+#include "example-diag.h"
 #include "example-registration.h"
 
 namespace {
@@ -75,9 +76,29 @@ BOOLEAN NTAPI IsReply(UCHAR Protocol, ULONG Source, USHORT SourcePort, ULONG Des
  * ListFlows - the tracker's control request: the flow count and as many
  * flows as the output holds; other codes are declined. IRQL = PASSIVE_LEVEL.
  */
+/* "ExampleFlowTracker show": the table's counters and its first flows. */
+VOID ShowFlows(PDiag Diag)
+{
+    EXAMPLE_FLOW flows[8];
+    ULONG listed = State.Table.List(flows, RTL_NUMBER_OF(flows));
+    Filter_DiagPrint(Diag, "flows: %lu, created %lu, aged %lu, untracked %lu, aging runs %ld\n",
+                     (ULONG)State.Table.Count(), (ULONG)State.Table.Stats.Created, (ULONG)State.Table.Stats.Aged,
+                     (ULONG)State.Table.Stats.Untracked, (LONG)State.AgingRuns);
+    for (ULONG i = 0; i < listed; i++) {
+        CHAR host[16], peer[16];
+        Filter_DiagPrint(Diag, "proto %u %s:%u - %s:%u, %lu packets\n", (unsigned)flows[i].Protocol,
+                         inet_ntoa(flows[i].HostAddress, host, sizeof(host)), (unsigned)flows[i].HostPort,
+                         inet_ntoa(flows[i].PeerAddress, peer, sizeof(peer)), (unsigned)flows[i].PeerPort,
+                         (ULONG)(flows[i].Packets[0] + flows[i].Packets[1]));
+    }
+}
+
 NTSTATUS NTAPI ListFlows(PVOID Context, PIRP Irp, ULONG IoControlCode, PVOID InputBuffer, ULONG InputLength,
                          PVOID OutputBuffer, ULONG OutputLength, PULONG_PTR BytesReturned)
 {
+    if (IoControlCode == IOCTL_NDIS_FILTER_DIAG)
+        return ExampleAnswerDiag(EXAMPLE_FLOW_TRACKER_SERVICE_NAME, "Example flow tracker", IoControlCode, InputBuffer,
+                                 InputLength, OutputBuffer, OutputLength, ShowFlows);
     if (IoControlCode != IOCTL_EXAMPLE_FLOW_TRACKER_LIST_FLOWS)
         return Filter_DefaultIoCtrlHandler(Context, Irp, IoControlCode, InputBuffer, InputLength, OutputBuffer,
                                            OutputLength, BytesReturned);

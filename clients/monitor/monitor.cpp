@@ -9,6 +9,7 @@
 #include <ndis.h>
 #include <ndisfilter.h>
 
+#include "example-diag.h"
 #include "example-event.h"
 #include "example-monitor.h"
 
@@ -232,6 +233,35 @@ VOID NTAPI MonitorUnload(PDRIVER_OBJECT DriverObject)
     Leave();
 }
 
+/* "ExampleMonitor show": per adapter its events and the last answers of its NDIS requests. */
+VOID ShowAdapters(PDiag Diag)
+{
+    Filter_DiagPrint(Diag, "adapters: %lu, events reported %ld, requests outstanding %ld\n", State.AdapterCount,
+                     (LONG)State.Reported, (LONG)State.Outstanding);
+    for (ULONG i = 0; i < State.AdapterCount && i < EXAMPLE_MONITOR_MAX_ADAPTERS; i++) {
+        const AdapterRecord &a = State.Adapters[i];
+        Filter_DiagPrint(Diag,
+                         "adapter %lu %02x-%02x-%02x-%02x-%02x-%02x: link %llu00 bit/s, frame %llu, sent %llu, "
+                         "received %llu; opened %ld, disconnected %ld, connected %ld\n",
+                         a.Id, a.Mac[0], a.Mac[1], a.Mac[2], a.Mac[3], a.Mac[4], a.Mac[5],
+                         (unsigned long long)a.Answers[EXAMPLE_MONITOR_LINK_SPEED],
+                         (unsigned long long)a.Answers[EXAMPLE_MONITOR_MTU],
+                         (unsigned long long)a.Answers[EXAMPLE_MONITOR_XMIT_OK],
+                         (unsigned long long)a.Answers[EXAMPLE_MONITOR_RCV_OK], (LONG)a.Events[FILTER_EVENT_ADAPTER_OPENED],
+                         (LONG)a.Events[FILTER_EVENT_MEDIA_DISCONNECT], (LONG)a.Events[FILTER_EVENT_MEDIA_CONNECT]);
+    }
+}
+
+NTSTATUS NTAPI MonitorControl(PVOID Context, PIRP Irp, ULONG Code, PVOID Input, ULONG InputLength, PVOID Output,
+                              ULONG OutputLength, PULONG_PTR BytesReturned)
+{
+    UNREFERENCED_PARAMETER(Context);
+    UNREFERENCED_PARAMETER(Irp);
+    UNREFERENCED_PARAMETER(BytesReturned);
+    return ExampleAnswerDiag(EXAMPLE_MONITOR_SERVICE_NAME, "Example adapter monitor", Code, Input, InputLength, Output,
+                             OutputLength, ShowAdapters);
+}
+
 } // namespace
 
 /* ExampleMonitor_GetCounters - a snapshot of what the monitor saw. Any IRQL. */
@@ -285,6 +315,9 @@ EXTERN_C NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING
         return STATUS_UNSUCCESSFUL;
     }
     Filter_EnumAdapter(State.Driver, SeeOpenAdapter, NULL);
+    /* Its diagnostics only: a monitor that cannot answer them still monitors. */
+    PIoCtrlHandler control = NULL;
+    Filter_RegisterIoControl(State.Driver, MonitorControl, NULL, &control);
     DriverObject->DriverUnload = MonitorUnload;
     return STATUS_SUCCESS;
 }

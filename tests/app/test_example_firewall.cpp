@@ -6,6 +6,7 @@
 #include "packets.h"
 
 #include "example-firewall.h"
+#include "ndisfilter-control.h"
 
 namespace {
 
@@ -76,6 +77,17 @@ TEST_F(ExampleFirewall, DiscardsWhatItsRulesMatchInEachChainAndCountsItPerRule)
     EXPECT_EQ(c.Discarded[Out], udpSink);
     EXPECT_EQ(c.Discarded[In], icmpFromB);
     EXPECT_EQ(c.Inspected[In] + c.Inspected[Out], (ULONG)t.Frames.size());
+
+    /* The same counters as its diagnostic command answers them, whatever the case of its name. */
+    nfapp::ControlDevice control;
+    ASSERT_TRUE(control.Open());
+    std::string reply;
+    ASSERT_TRUE(control.Diagnose("examplefirewall show", reply)) << control.LastFailure().Describe();
+    EXPECT_NE(reply.find("rule 1: udp dst port 9999 - matched 0 incoming, " + std::to_string(udpSink) + " outgoing\n"),
+              std::string::npos)
+        << reply;
+    ASSERT_TRUE(control.Diagnose("ExampleFirewall help", reply));
+    EXPECT_EQ(reply, "usage: ExampleFirewall show\n");
 }
 
 TEST_F(ExampleFirewall, APortOnEitherSideAndAHostOnEitherSideMatchBothDirections)

@@ -3,6 +3,8 @@
 
 #include "ctl.h"
 #include "example-firewall.h"
+#include "example-flow-tracker.h"
+#include "example-monitor.h"
 #include "example-tap.h"
 
 #include <sstream>
@@ -17,6 +19,8 @@ std::vector<ControlAnswer> AskControlPlane()
         {"diag", "filter", "show", "driver"},
         {"diag", EXAMPLE_FIREWALL_SERVICE_NAME, "show"},
         {"diag", EXAMPLE_TAP_SERVICE_NAME, "show"},
+        {"diag", EXAMPLE_FLOW_TRACKER_SERVICE_NAME, "show"},
+        {"diag", EXAMPLE_MONITOR_SERVICE_NAME, "show"},
     };
     std::vector<ControlAnswer> answers;
     for (std::vector<const char *> command : commands) {
