@@ -81,20 +81,6 @@ VOID DumpEventHandlers(NdisFilterDeviceExtension *global)
     KeReleaseSpinLock(&global->m_EventHandlerLock, irql);
 }
 
-VOID DumpDrivers(NdisFilterDeviceExtension *global)
-{
-    DumpLinks("m_FilterDriverList", &global->m_FilterDriverList);
-    NfReadLock lock(&global->m_FilterDriverLock);
-    PLIST_ENTRY head = &global->m_FilterDriverList;
-    for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
-        PFilterDriver driver = CONTAINING_RECORD(link, FilterDriver, m_ListEntry);
-        int length = driver->m_DriverName.Length;
-        NF_PRINT("  - pFilterDriver = 0x%p\n", (PVOID)driver);
-        NF_PRINT("    - m_pDriverContext = 0x%p\n", driver->m_pDriverContext);
-        NF_PRINT("    - m_DriverName = %*.*s\n", length, length, driver->m_DriverName.Buffer);
-    }
-}
-
 VOID DumpPacketFilters(NdisFilterDeviceExtension *global)
 {
     for (FILTER_TYPE type = 0; type < FILTER_TYPE_COUNT; type++) {
@@ -136,20 +122,6 @@ VOID DumpLookaside(const NPAGED_LOOKASIDE_LIST *list)
     NF_PRINT("  - LastAllocateMisses = %d\n", (int)l.LastAllocateMisses);
 }
 
-VOID DumpIoControlHandlers(NdisFilterDeviceExtension *global)
-{
-    DumpLinks("m_IoCtrlHandlerList", &global->m_IoCtrlHandlerList);
-    NfSharedPassiveLock lock(&global->m_IoCtrlHandlerLock);
-    PLIST_ENTRY head = &global->m_IoCtrlHandlerList;
-    for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
-        IoCtrlHandler *handler = CONTAINING_RECORD(link, IoCtrlHandler, m_ListEntry);
-        NF_PRINT("  - pIoCtrlHandler = 0x%p\n", (PVOID)handler);
-        NF_PRINT("    - m_hFilterDriver = 0x%p\n", (PVOID)handler->m_hFilterDriver);
-        NF_PRINT("    - m_pfIoCtrlProc = 0x%p\n", (PVOID)handler->m_pfIoCtrlProc);
-        NF_PRINT("    - m_pIoCtrlContext = 0x%p\n", handler->m_pIoCtrlContext);
-    }
-}
-
 } // namespace
 
 /* The ring header's eight fields, as the program may have left them: they are only printed. */
@@ -170,26 +142,8 @@ VOID NdisFilter_PrintHookApi(NfPrinter Print, const NdisHookAPI &Api)
 {
     Print(" - m_MajorVersion = 0x%p\n", (PVOID)(ULONG_PTR)Api.m_MajorVersion);
     Print(" - m_MinorVersion = 0x%p\n", (PVOID)(ULONG_PTR)Api.m_MinorVersion);
-#define NF_PRINT_HOOK_FIELD(field) Print(" - " #field " = 0x%p\n", (PVOID)Api.field)
-    NF_PRINT_HOOK_FIELD(Filter_AdapterOpened);
-    NF_PRINT_HOOK_FIELD(Filter_AdapterStatusChanged);
-    NF_PRINT_HOOK_FIELD(Filter_AdapterClosed);
-    NF_PRINT_HOOK_FIELD(Filter_FilterReceivedPacket);
-    NF_PRINT_HOOK_FIELD(Filter_FilterSendPacket);
-    NF_PRINT_HOOK_FIELD(Hook_GetOsVersion);
-    NF_PRINT_HOOK_FIELD(Hook_HandleIoControl);
-    NF_PRINT_HOOK_FIELD(Hook_AllocatePacket);
-    NF_PRINT_HOOK_FIELD(Hook_FreePacket);
-    NF_PRINT_HOOK_FIELD(Hook_InjectPacketToAdapter);
-    NF_PRINT_HOOK_FIELD(Hook_InjectPacketToProtocol);
-    NF_PRINT_HOOK_FIELD(Hook_AllocateRequest);
-    NF_PRINT_HOOK_FIELD(Hook_MakeNdisRequest);
-    NF_PRINT_HOOK_FIELD(Hook_FreeRequest);
-    NF_PRINT_HOOK_FIELD(Hook_SetAdapterStatus);
-    NF_PRINT_HOOK_FIELD(Hook_GetAdapterStatus);
-    NF_PRINT_HOOK_FIELD(Hook_GetTcpIpBoundAdapters);
-    NF_PRINT_HOOK_FIELD(Hook_MmMapLockedPages);
-    NF_PRINT_HOOK_FIELD(Hook_MmUnmapLockedPages);
+#define NF_PRINT_HOOK_FIELD(field) Print(" - " #field " = 0x%p\n", (PVOID)Api.field);
+    NF_HOOK_API_FUNCTIONS(NF_PRINT_HOOK_FIELD)
 #undef NF_PRINT_HOOK_FIELD
 }
 
@@ -211,6 +165,51 @@ VOID NdisFilter_PrintAdapterTable(NfPrinter Print)
         Print("  - m_PermanentAddress = %2.2x-%2.2x-%2.2x-%2.2x-%2.2x-%2.2x\n", p[0], p[1], p[2], p[3], p[4], p[5]);
         Print("  - m_CurrentAddress = %2.2x-%2.2x-%2.2x-%2.2x-%2.2x-%2.2x\n", c[0], c[1], c[2], c[3], c[4], c[5]);
         Print("  - m_szAdapterName = %.*s\n", (int)sizeof(info->m_szAdapterName), info->m_szAdapterName);
+    }
+}
+
+/* The registered drivers, under their list's lock. */
+VOID NdisFilter_PrintDrivers(NfPrinter Print)
+{
+    NfReadLock lock(&g_pGlobal->m_FilterDriverLock);
+    PLIST_ENTRY head = &g_pGlobal->m_FilterDriverList;
+    for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
+        PFilterDriver driver = CONTAINING_RECORD(link, FilterDriver, m_ListEntry);
+        int length = driver->m_DriverName.Length;
+        Print("- pFilterDriver = 0x%p\n", (PVOID)driver);
+        Print("- m_pDriverContext = 0x%p\n", driver->m_pDriverContext);
+        Print("- m_DriverName = %*.*s\n", length, length, driver->m_DriverName.Buffer);
+    }
+}
+
+/* The drivers' timers, under their list's lock. */
+VOID NdisFilter_PrintTimers(NfPrinter Print)
+{
+    NfReadLock lock(&g_pGlobal->m_FilterTimerLock);
+    PLIST_ENTRY head = &g_pGlobal->m_FilterTimerList;
+    for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
+        const FilterTimer *timer = CONTAINING_RECORD(link, FilterTimer, m_ListEntry);
+        Print("- pFilterTimer = 0x%p\n", (PVOID)timer);
+        Print("  - m_hFilterDriver = 0x%p\n", (PVOID)timer->m_hFilterDriver);
+        Print("  - m_pDriverContext = 0x%p\n", timer->m_pDriverContext);
+        Print("  - m_pfTimerProc = 0x%p\n", (PVOID)timer->m_pfTimerProc);
+        Print("  - m_pTimerContext = 0x%p\n", timer->m_pTimerContext);
+        Print("  - m_bRepeatTimer = %s\n", timer->m_bRepeatTimer ? "TRUE" : "FALSE");
+        Print("  - m_MsToDelay = %d\n", (int)timer->m_MsToDelay);
+    }
+}
+
+/* The control-request handlers, under their list's lock (held at PASSIVE_LEVEL). */
+VOID NdisFilter_PrintIoControlHandlers(NfPrinter Print)
+{
+    NfSharedPassiveLock lock(&g_pGlobal->m_IoCtrlHandlerLock);
+    PLIST_ENTRY head = &g_pGlobal->m_IoCtrlHandlerList;
+    for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
+        IoCtrlHandler *handler = CONTAINING_RECORD(link, IoCtrlHandler, m_ListEntry);
+        Print("- pIoCtrlHandler = 0x%p\n", (PVOID)handler);
+        Print("  - m_hFilterDriver = 0x%p\n", (PVOID)handler->m_hFilterDriver);
+        Print("  - m_pfIoCtrlProc = 0x%p\n", (PVOID)handler->m_pfIoCtrlProc);
+        Print("  - m_pIoCtrlContext = 0x%p\n", handler->m_pIoCtrlContext);
     }
 }
 
@@ -267,7 +266,8 @@ VOID NdisFilter_DumpDeviceExtension(VOID)
         NF_PRINT("- m_pContextDriver[%d] = 0x%p\n", i, (PVOID)global->m_pContextDriver[i]);
     DumpEventHandlers(global);
 
-    DumpDrivers(global);
+    DumpLinks("m_FilterDriverList", &global->m_FilterDriverList);
+    NdisFilter_PrintDrivers(DebugLine);
     DumpPacketFilters(global);
     DumpInjectionQueues(global);
 
@@ -279,11 +279,13 @@ VOID NdisFilter_DumpDeviceExtension(VOID)
     /* The address's low half, as this line has always printed. */
     NF_PRINT("- m_CurrentLogSize = %d\n", (int)(ULONG)(ULONG_PTR)&global->m_CurrentLogSize);
 
-    DumpRwListEntries("m_FilterTimerList", &global->m_FilterTimerLock, &global->m_FilterTimerList);
+    DumpLinks("m_FilterTimerList", &global->m_FilterTimerList);
+    NdisFilter_PrintTimers(DebugLine);
     NF_PRINT("- m_dwTickIncrement = %d\n", (int)(ULONG)(ULONG_PTR)&global->m_dwTickIncrement);
     NF_PRINT("- m_nPendingWorkItems = %d\n", (int)global->m_nPendingWorkItems);
 
-    DumpIoControlHandlers(global);
+    DumpLinks("m_IoCtrlHandlerList", &global->m_IoCtrlHandlerList);
+    NdisFilter_PrintIoControlHandlers(DebugLine);
     NF_PRINT("- m_bDiagInProgress = %d\n", (int)global->m_bDiagInProgress);
     DumpPointer("m_pAppToDriverEthrLog", global->m_pAppToDriverEthrLog);
     DumpPointer("m_pDriverToAppEthrLog", global->m_pDriverToAppEthrLog);

@@ -181,48 +181,6 @@ VOID ReplySharedMemory()
     Reply("- m_hShareMemoryThread[%d] = 0x%p\n", 0, (PVOID)global->m_hShareMemoryThread[0]);
 }
 
-VOID ReplyDrivers()
-{
-    NfReadLock lock(&g_pGlobal->m_FilterDriverLock);
-    PLIST_ENTRY head = &g_pGlobal->m_FilterDriverList;
-    for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
-        PFilterDriver driver = CONTAINING_RECORD(link, FilterDriver, m_ListEntry);
-        int length = driver->m_DriverName.Length;
-        Reply("- pFilterDriver = 0x%p\n", (PVOID)driver);
-        Reply("- m_pDriverContext = 0x%p\n", driver->m_pDriverContext);
-        Reply("- m_DriverName = %*.*s\n", length, length, driver->m_DriverName.Buffer);
-    }
-}
-
-VOID ReplyTimers()
-{
-    NfReadLock lock(&g_pGlobal->m_FilterTimerLock);
-    PLIST_ENTRY head = &g_pGlobal->m_FilterTimerList;
-    for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
-        const FilterTimer *timer = CONTAINING_RECORD(link, FilterTimer, m_ListEntry);
-        Reply("- pFilterTimer = 0x%p\n", (PVOID)timer);
-        Reply("  - m_hFilterDriver = 0x%p\n", (PVOID)timer->m_hFilterDriver);
-        Reply("  - m_pDriverContext = 0x%p\n", timer->m_pDriverContext);
-        Reply("  - m_pfTimerProc = 0x%p\n", (PVOID)timer->m_pfTimerProc);
-        Reply("  - m_pTimerContext = 0x%p\n", timer->m_pTimerContext);
-        Reply("  - m_bRepeatTimer = %s\n", TrueFalse(timer->m_bRepeatTimer));
-        Reply("  - m_MsToDelay = %d\n", (int)timer->m_MsToDelay);
-    }
-}
-
-VOID ReplyIoControlHandlers()
-{
-    NfSharedPassiveLock lock(&g_pGlobal->m_IoCtrlHandlerLock);
-    PLIST_ENTRY head = &g_pGlobal->m_IoCtrlHandlerList;
-    for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
-        IoCtrlHandler *handler = CONTAINING_RECORD(link, IoCtrlHandler, m_ListEntry);
-        Reply("- pIoCtrlHandler = 0x%p\n", (PVOID)handler);
-        Reply("  - m_hFilterDriver = 0x%p\n", (PVOID)handler->m_hFilterDriver);
-        Reply("  - m_pfIoCtrlProc = 0x%p\n", (PVOID)handler->m_pfIoCtrlProc);
-        Reply("  - m_pIoCtrlContext = 0x%p\n", handler->m_pIoCtrlContext);
-    }
-}
-
 /* The framework's own commands, "filter <words>" with at least one word. Always answered. */
 VOID AnswerFilterCommand(LONG argc)
 {
@@ -250,7 +208,7 @@ VOID AnswerFilterCommand(LONG argc)
             return;
         }
         if (SameWord(what, "driver")) {
-            ReplyDrivers();
+            NdisFilter_PrintDrivers(Reply);
             return;
         }
         if (SameWord(what, "filter")) {
@@ -259,11 +217,11 @@ VOID AnswerFilterCommand(LONG argc)
             return;
         }
         if (SameWord(what, "timer")) {
-            ReplyTimers();
+            NdisFilter_PrintTimers(Reply);
             return;
         }
         if (SameWord(what, "ioctl")) {
-            ReplyIoControlHandlers();
+            NdisFilter_PrintIoControlHandlers(Reply);
             return;
         }
     }

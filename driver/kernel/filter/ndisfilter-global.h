@@ -137,6 +137,15 @@ typedef struct _NdisFilterDeviceExtension {
     PVOID m_pDriverToAppEthrLog;
 } NdisFilterDeviceExtension, *PNdisFilterDeviceExtension;
 
+/* The nineteen functions of an NdisHookAPI record, in record order, for listings: X(field). */
+#define NF_HOOK_API_FUNCTIONS(X)                                                                            \
+    X(Filter_AdapterOpened) X(Filter_AdapterStatusChanged) X(Filter_AdapterClosed)                         \
+    X(Filter_FilterReceivedPacket) X(Filter_FilterSendPacket) X(Hook_GetOsVersion) X(Hook_HandleIoControl) \
+    X(Hook_AllocatePacket) X(Hook_FreePacket) X(Hook_InjectPacketToAdapter) X(Hook_InjectPacketToProtocol) \
+    X(Hook_AllocateRequest) X(Hook_MakeNdisRequest) X(Hook_FreeRequest) X(Hook_SetAdapterStatus)         \
+    X(Hook_GetAdapterStatus) X(Hook_GetTcpIpBoundAdapters) X(Hook_MmMapLockedPages)                       \
+    X(Hook_MmUnmapLockedPages)
+
 /* ---- the framework's own records (ndisfilter-memory.cpp) ---- */
 /*
  * Blocks laid out like Filter_AllocateMemory's (and traced the same), whose
@@ -227,6 +236,9 @@ typedef VOID(__cdecl *NfPrinter)(PCSTR Format, ...);
 VOID NdisFilter_PrintRing(NfPrinter Print, const SharedBlockRing *Ring);
 VOID NdisFilter_PrintHookApi(NfPrinter Print, const NdisHookAPI &Api);
 VOID NdisFilter_PrintAdapterTable(NfPrinter Print);
+VOID NdisFilter_PrintDrivers(NfPrinter Print);
+VOID NdisFilter_PrintTimers(NfPrinter Print);
+VOID NdisFilter_PrintIoControlHandlers(NfPrinter Print);
 
 /* ---- shared-memory channel (ndisfilter-sharedmem.cpp) ---- */
 EXTERN_C PMappedMemory NdisFilter_AllocateMappedMemory(VOID);

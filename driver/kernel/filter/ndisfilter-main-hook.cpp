@@ -115,26 +115,8 @@ VOID NdisFilterTestHookInterface(VOID)
     NF_PRINT("  m_NdisHookAPI.m_Flags = 0x%p\n", (PVOID)(ULONG_PTR)api->m_Flags);
     NF_PRINT("  m_NdisHookAPI.m_MajorVersion = 0x%p\n", (PVOID)(ULONG_PTR)api->m_MajorVersion);
     NF_PRINT("  m_NdisHookAPI.m_MinorVersion = 0x%p\n", (PVOID)(ULONG_PTR)api->m_MinorVersion);
-#define NF_PRINT_HOOK_FIELD(name) NF_PRINT("  m_NdisHookAPI." #name " = 0x%p\n", (PVOID)api->name)
-    NF_PRINT_HOOK_FIELD(Filter_AdapterOpened);
-    NF_PRINT_HOOK_FIELD(Filter_AdapterStatusChanged);
-    NF_PRINT_HOOK_FIELD(Filter_AdapterClosed);
-    NF_PRINT_HOOK_FIELD(Filter_FilterReceivedPacket);
-    NF_PRINT_HOOK_FIELD(Filter_FilterSendPacket);
-    NF_PRINT_HOOK_FIELD(Hook_GetOsVersion);
-    NF_PRINT_HOOK_FIELD(Hook_HandleIoControl);
-    NF_PRINT_HOOK_FIELD(Hook_AllocatePacket);
-    NF_PRINT_HOOK_FIELD(Hook_FreePacket);
-    NF_PRINT_HOOK_FIELD(Hook_InjectPacketToAdapter);
-    NF_PRINT_HOOK_FIELD(Hook_InjectPacketToProtocol);
-    NF_PRINT_HOOK_FIELD(Hook_AllocateRequest);
-    NF_PRINT_HOOK_FIELD(Hook_MakeNdisRequest);
-    NF_PRINT_HOOK_FIELD(Hook_FreeRequest);
-    NF_PRINT_HOOK_FIELD(Hook_SetAdapterStatus);
-    NF_PRINT_HOOK_FIELD(Hook_GetAdapterStatus);
-    NF_PRINT_HOOK_FIELD(Hook_GetTcpIpBoundAdapters);
-    NF_PRINT_HOOK_FIELD(Hook_MmMapLockedPages);
-    NF_PRINT_HOOK_FIELD(Hook_MmUnmapLockedPages);
+#define NF_PRINT_HOOK_FIELD(name) NF_PRINT("  m_NdisHookAPI." #name " = 0x%p\n", (PVOID)api->name);
+    NF_HOOK_API_FUNCTIONS(NF_PRINT_HOOK_FIELD)
 #undef NF_PRINT_HOOK_FIELD
     NF_TRACE(NF_DBG_CORE, "Leave NdisFilterTestHookInterface\n");
 }
