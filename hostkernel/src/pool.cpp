@@ -1,18 +1,20 @@
 /*
  * Pool memory.
  *
- * Every block is recorded in a side table (address -> size, tag, pool type),
- * so frees are checked before they reach the host allocator: a double free,
- * a free of a foreign pointer and a tag mismatch are verifier errors, never
- * crashes. A freed block goes to a bounded FIFO quarantine and stays readable
- * (not scrubbed, not poisoned) until it leaves it, as a freed Windows pool
- * block stays readable for a while.
+ * Every free is checked before memory is reused: a double free, a free of a
+ * foreign pointer and a tag mismatch are verifier errors, never crashes. A
+ * freed block goes to a bounded FIFO quarantine and stays readable (not
+ * scrubbed, not poisoned) until it leaves it, as a freed Windows pool block
+ * stays readable for a while.
  *
- * Blocks of a page or more are page aligned and backed by shared memory
- * (memfd), so the same pages can be mapped a second time at another address
+ * Blocks under a page come from pool_small.cpp: slabs with per-thread caches,
+ * quarantines and counts, so the packet path takes no lock. Blocks of a page
+ * or more are recorded here in a side table (address -> size, tag, pool type)
+ * under one lock; they are page aligned and backed by shared memory (memfd),
+ * so the same pages can be mapped a second time at another address
  * (MapSecondView, the user-mode view that MmMapLockedPages gives).
  */
-#include "core_internal.h"
+#include "pool_small.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -20,6 +22,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -34,13 +37,12 @@ constexpr ULONG kDefaultTag = HK_POOL_TAG('N', 'o', 'n', 'e');
 // Freed blocks kept readable before they are really released.
 constexpr size_t kQuarantineMaxBlocks = 4096;
 constexpr size_t kQuarantineMaxBytes = 64u << 20;
-constexpr size_t kSmallAlignment = 16;
 
 struct Block {
     size_t size;   // bytes asked for
     ULONG tag;
     POOL_TYPE type;
-    size_t mapped; // bytes mapped for a page-backed block, 0 for a heap block
+    size_t mapped; // bytes mapped
 };
 
 struct PoolState {
@@ -53,6 +55,7 @@ struct PoolState {
     std::unordered_map<uintptr_t, size_t> views; // second views: base -> mapped bytes
     std::unordered_map<ULONG, ULONG> failByTag;
     ULONG failAny = 0;
+    std::atomic<bool> failing{false}; // whether failByTag or failAny holds anything
 };
 
 // Never destroyed: drivers and runtime threads may free pool during exit.
@@ -62,14 +65,14 @@ PoolState &State()
     return *state;
 }
 
-/* Whether the pool type is paged (odd base types). */
-bool IsPaged(POOL_TYPE type)
-{
-    return (static_cast<ULONG>(type) & 1u) != 0;
-}
+using hk::core::IsPagedPool;
+using hk::core::PoolTagText;
+using hk::core::PoolTagTotals;
+
+} // namespace
 
 /* The tag as its four characters in memory order, '.' for unprintable ones. */
-std::string TagText(ULONG tag)
+std::string hk::core::PoolTagText(ULONG tag)
 {
     tag &= ~static_cast<ULONG>(PROTECTED_POOL);
     std::string text(4, '.');
@@ -81,6 +84,14 @@ std::string TagText(ULONG tag)
     return text;
 }
 
+namespace {
+
+/* Recomputes the flag that lets allocations skip the lock. Caller holds the mutex. */
+void UpdateFailing(PoolState &state)
+{
+    state.failing = state.failAny > 0 || !state.failByTag.empty();
+}
+
 /* Consumes one pending injected failure for `tag`, if any. Caller holds the mutex. */
 bool TakeInjectedFailure(PoolState &state, ULONG tag)
 {
@@ -88,14 +99,17 @@ bool TakeInjectedFailure(PoolState &state, ULONG tag)
     if (found != state.failByTag.end() && found->second > 0) {
         if (--found->second == 0)
             state.failByTag.erase(found);
+        UpdateFailing(state);
         return true;
     }
     if (state.failAny > 0) {
         --state.failAny;
+        UpdateFailing(state);
         return true;
     }
     return false;
 }
+
 
 /* Page-aligned shared pages for `size` bytes, or nullptr. */
 void *MapPages(size_t size, size_t *mapped)
@@ -114,10 +128,7 @@ void *MapPages(size_t size, size_t *mapped)
 /* Returns a block's memory to the host. */
 void Release(uintptr_t address, const Block &block)
 {
-    if (block.mapped != 0)
-        munmap(reinterpret_cast<void *>(address), block.mapped);
-    else
-        free(reinterpret_cast<void *>(address));
+    munmap(reinterpret_cast<void *>(address), block.mapped);
 }
 
 /* Puts a freed block into the quarantine and releases the oldest ones beyond its bounds.
@@ -144,6 +155,8 @@ void FreeBlock(PVOID p, bool checkTag, ULONG tag, const char *api)
         hk::VerifierError("%s(NULL)", api);
         return;
     }
+    if (hk::core::SmallPoolFree(p, checkTag, tag, api))
+        return;
     const uintptr_t address = reinterpret_cast<uintptr_t>(p);
     PoolState &state = State();
     std::lock_guard<std::mutex> lock(state.mutex);
@@ -156,17 +169,16 @@ void FreeBlock(PVOID p, bool checkTag, ULONG tag, const char *api)
         return;
     }
     const Block block = found->second;
-    hk::RequireIrqlAtMost(IsPaged(block.type) ? APC_LEVEL : DISPATCH_LEVEL, api);
+    hk::RequireIrqlAtMost(IsPagedPool(block.type) ? APC_LEVEL : DISPATCH_LEVEL, api);
     const ULONG allocated = block.tag & ~static_cast<ULONG>(PROTECTED_POOL);
     if (checkTag && (tag & ~static_cast<ULONG>(PROTECTED_POOL)) != allocated)
         hk::VerifierError("%s: pool block %p freed with tag '%s' but allocated with tag '%s'", api,
-                          p, TagText(tag).c_str(), TagText(block.tag).c_str());
+                          p, PoolTagText(tag).c_str(), PoolTagText(block.tag).c_str());
     if (!checkTag && (block.tag & PROTECTED_POOL) != 0)
         hk::VerifierError("%s: pool block %p has the protected tag '%s' and must be freed with "
-                          "ExFreePoolWithTag", api, p, TagText(block.tag).c_str());
+                          "ExFreePoolWithTag", api, p, PoolTagText(block.tag).c_str());
     state.live.erase(found);
-    if (block.mapped != 0)
-        state.pageBacked.erase(address);
+    state.pageBacked.erase(address);
     Quarantine(state, address, block);
 }
 
@@ -175,28 +187,24 @@ void FreeBlock(PVOID p, bool checkTag, ULONG tag, const char *api)
 /* A tracked block of NumberOfBytes, or NULL (see hk/pool.h for the IRQL rules). */
 PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag)
 {
-    hk::RequireIrqlAtMost(IsPaged(PoolType) ? APC_LEVEL : DISPATCH_LEVEL,
+    hk::RequireIrqlAtMost(IsPagedPool(PoolType) ? APC_LEVEL : DISPATCH_LEVEL,
                           "ExAllocatePoolWithTag");
     PoolState &state = State();
-    {
+    if (state.failing.load(std::memory_order_relaxed)) {
         std::lock_guard<std::mutex> lock(state.mutex);
         if (TakeInjectedFailure(state, Tag))
             return nullptr;
     }
+    if (NumberOfBytes < PAGE_SIZE)
+        return hk::core::SmallPoolAllocate(PoolType, std::max<size_t>(NumberOfBytes, 1), Tag) ;
     Block block{NumberOfBytes, Tag, PoolType, 0};
-    void *memory = nullptr;
-    if (NumberOfBytes >= PAGE_SIZE) {
-        memory = MapPages(NumberOfBytes, &block.mapped);
-    } else if (posix_memalign(&memory, kSmallAlignment, std::max<size_t>(NumberOfBytes, 1)) != 0) {
-        memory = nullptr;
-    }
+    void *memory = MapPages(NumberOfBytes, &block.mapped);
     if (memory == nullptr)
         return nullptr;
     const uintptr_t address = reinterpret_cast<uintptr_t>(memory);
     std::lock_guard<std::mutex> lock(state.mutex);
     state.live.emplace(address, block);
-    if (block.mapped != 0)
-        state.pageBacked.emplace(address, block.mapped);
+    state.pageBacked.emplace(address, block.mapped);
     return memory;
 }
 
@@ -263,76 +271,82 @@ void UnmapSecondView(void *viewAddress, size_t length)
 
 /* ---- host control ---- */
 
+namespace {
+
+/* Live blocks and bytes by tag, small and page-backed. */
+std::map<ULONG, PoolTagTotals> LiveByTag()
+{
+    std::map<ULONG, PoolTagTotals> totals;
+    hk::core::SmallPoolLiveByTag(&totals);
+    PoolState &state = State();
+    std::lock_guard<std::mutex> lock(state.mutex);
+    for (const auto &entry : state.live) {
+        PoolTagTotals &sum = totals[entry.second.tag];
+        sum.blocks++;
+        sum.bytes += static_cast<int64_t>(entry.second.size);
+    }
+    return totals;
+}
+
+} // namespace
+
 /* Number of live pool blocks. */
 ULONG HkPoolLiveAllocationCount(void)
 {
-    PoolState &state = State();
-    std::lock_guard<std::mutex> lock(state.mutex);
-    return static_cast<ULONG>(state.live.size());
+    int64_t blocks = 0;
+    for (const auto &entry : LiveByTag())
+        blocks += entry.second.blocks;
+    return static_cast<ULONG>(blocks);
 }
 
 /* Bytes asked for by the live pool blocks. */
 SIZE_T HkPoolLiveByteCount(void)
 {
-    PoolState &state = State();
-    std::lock_guard<std::mutex> lock(state.mutex);
-    SIZE_T bytes = 0;
-    for (const auto &entry : state.live)
-        bytes += entry.second.size;
-    return bytes;
+    int64_t bytes = 0;
+    for (const auto &entry : LiveByTag())
+        bytes += entry.second.bytes;
+    return static_cast<SIZE_T>(bytes);
 }
 
 /* Number of live pool blocks with Tag. */
 ULONG HkPoolLiveAllocationCountWithTag(ULONG Tag)
 {
-    PoolState &state = State();
-    std::lock_guard<std::mutex> lock(state.mutex);
-    ULONG count = 0;
-    for (const auto &entry : state.live)
-        count += entry.second.tag == Tag ? 1 : 0;
-    return count;
+    auto totals = LiveByTag();
+    auto found = totals.find(Tag);
+    return found == totals.end() ? 0 : static_cast<ULONG>(found->second.blocks);
 }
 
 /* Bytes of the live pool blocks with Tag. */
 SIZE_T HkPoolLiveByteCountWithTag(ULONG Tag)
 {
-    PoolState &state = State();
-    std::lock_guard<std::mutex> lock(state.mutex);
-    SIZE_T bytes = 0;
-    for (const auto &entry : state.live)
-        bytes += entry.second.tag == Tag ? entry.second.size : 0;
-    return bytes;
+    auto totals = LiveByTag();
+    auto found = totals.find(Tag);
+    return found == totals.end() ? 0 : static_cast<SIZE_T>(found->second.bytes);
 }
 
 /* Prints one line per tag of live blocks (sorted by tag text); returns the block count. */
 ULONG HkPoolReportLeaks(BOOLEAN AsVerifierFindings)
 {
-    struct Totals {
-        ULONG blocks = 0;
-        SIZE_T bytes = 0;
-    };
-    std::map<std::string, Totals> byTag;
-    ULONG total = 0;
-    {
-        PoolState &state = State();
-        std::lock_guard<std::mutex> lock(state.mutex);
-        for (const auto &entry : state.live) {
-            Totals &totals = byTag[TagText(entry.second.tag)];
-            totals.blocks++;
-            totals.bytes += entry.second.size;
-        }
-        total = static_cast<ULONG>(state.live.size());
+    std::map<std::string, PoolTagTotals> byText;
+    int64_t total = 0;
+    for (const auto &entry : LiveByTag()) {
+        if (entry.second.blocks == 0)
+            continue;
+        PoolTagTotals &sum = byText[PoolTagText(entry.first)];
+        sum.blocks += entry.second.blocks;
+        sum.bytes += entry.second.bytes;
+        total += entry.second.blocks;
     }
-    for (const auto &entry : byTag) {
+    for (const auto &entry : byText) {
         char line[128];
-        snprintf(line, sizeof line, "POOL LEAK: tag '%s': %u blocks, %zu bytes",
-                 entry.first.c_str(), entry.second.blocks, static_cast<size_t>(entry.second.bytes));
+        snprintf(line, sizeof line, "POOL LEAK: tag '%s': %lld blocks, %lld bytes", entry.first.c_str(),
+                 static_cast<long long>(entry.second.blocks), static_cast<long long>(entry.second.bytes));
         if (AsVerifierFindings)
             hk::VerifierError("%s", line);
         else
             fprintf(stderr, "%s\n", line);
     }
-    return total;
+    return static_cast<ULONG>(total);
 }
 
 /* Makes the next Count allocations with Tag fail (0 cancels). */
@@ -344,6 +358,7 @@ void HkPoolFailAllocations(ULONG Tag, ULONG Count)
         state.failByTag.erase(Tag);
     else
         state.failByTag[Tag] = Count;
+    UpdateFailing(state);
 }
 
 /* Makes the next Count allocations of any tag fail (0 cancels). */
@@ -352,6 +367,7 @@ void HkPoolFailAnyAllocations(ULONG Count)
     PoolState &state = State();
     std::lock_guard<std::mutex> lock(state.mutex);
     state.failAny = Count;
+    UpdateFailing(state);
 }
 
 /* Cancels every pending injected failure. */
@@ -361,4 +377,5 @@ void HkPoolClearFailures(void)
     std::lock_guard<std::mutex> lock(state.mutex);
     state.failByTag.clear();
     state.failAny = 0;
+    UpdateFailing(state);
 }
