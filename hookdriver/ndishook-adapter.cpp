@@ -79,8 +79,9 @@ VOID OpenRecord(PNhAdapter Adapter, const NhAdapterSetup *Setup)
         filter->m_IPConfig.hAdapter = filter;
     }
     FreeDeliveries(Adapter);
-    Adapter->m_nFramesOk[NH_TO_PROTOCOL] = 0;
-    Adapter->m_nFramesOk[NH_TO_ADAPTER] = 0;
+    RtlZeroMemory((PVOID)Adapter->m_PerProcessor, sizeof(Adapter->m_PerProcessor));
+    Adapter->m_pfDeliverySink = NULL;
+    Adapter->m_pDeliveryContext = NULL;
     Adapter->m_nPacketFilter = 0;
     Adapter->m_nLookahead = NH_DEFAULT_LOOKAHEAD;
     Adapter->m_nMulticast = 0;
@@ -126,11 +127,20 @@ PNhAdapter NhFindOpenAdapterLocked(PFilterAdapter Adapter)
     return NULL;
 }
 
-/* NhFindOpenAdapter - the open adapter at this handle, or NULL. */
+/*
+ * NhFindOpenAdapter - the open adapter at this handle, or NULL. Without the
+ * lock: the table's entries below its count never change until unload.
+ * IRQL <= DISPATCH_LEVEL.
+ */
 PNhAdapter NhFindOpenAdapter(PFilterAdapter Adapter)
 {
-    NhLock lock;
-    return NhFindOpenAdapterLocked(Adapter);
+    LONG count = InterlockedCompareExchange(&g_Hook.m_nAdapterRecords, 0, 0);
+    for (LONG i = 0; i < count; i++) {
+        PNhAdapter adapter = g_Hook.m_AdapterTable[i];
+        if (&adapter->m_Filter == Adapter)
+            return *(volatile BOOLEAN *)&adapter->m_bOpen ? adapter : NULL;
+    }
+    return NULL;
 }
 
 /*
@@ -174,8 +184,12 @@ PNhAdapter NhOpenAdapter(const NhAdapterSetup *Setup)
                 break;
             }
             if (fresh != NULL) {
+                if (g_Hook.m_nAdapterRecords == NH_MAX_ADAPTER_RECORDS)
+                    break; /* no room in the table: fresh is freed below */
                 adapter = fresh;
                 fresh = NULL;
+                g_Hook.m_AdapterTable[g_Hook.m_nAdapterRecords] = adapter;
+                InterlockedIncrement(&g_Hook.m_nAdapterRecords); /* published after the entry */
                 InsertTailList(&g_Hook.m_Adapters, &adapter->m_Link);
                 OpenRecord(adapter, Setup);
                 break;
@@ -242,6 +256,10 @@ VOID NhCloseAllAdapters(VOID)
 /* NhFreeAdapters - frees every record (at unload, once no packet is out). */
 VOID NhFreeAdapters(VOID)
 {
+    {
+        NhLock lock;
+        InterlockedExchange(&g_Hook.m_nAdapterRecords, 0);
+    }
     for (;;) {
         PNhAdapter adapter;
         {
@@ -360,9 +378,19 @@ EXTERN_C VOID NTAPI NhGetTcpIpBoundAdapters(PVOID AdapterList)
 
 /* ---- delivered frames ---- */
 
-/* NhRecordDelivery - keeps a copy of a frame passed on by the adapter. IRQL <= DISPATCH_LEVEL. */
+/*
+ * NhRecordDelivery - counts a frame passed on by the adapter and hands it to
+ * the adapter's delivery sink, or keeps a copy of it. IRQL <= DISPATCH_LEVEL.
+ */
 VOID NhRecordDelivery(PNhAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG Length)
 {
+    InterlockedIncrement64(&Adapter->m_PerProcessor[KeGetCurrentProcessorNumber() % NH_MAX_PROCESSORS].m_nFramesOk[Index]);
+    PNH_DELIVERY_SINK sink = *(PNH_DELIVERY_SINK volatile *)&Adapter->m_pfDeliverySink;
+    if (sink != NULL) {
+        sink(&Adapter->m_Filter, Index == NH_TO_PROTOCOL ? FILTER_DIRECTION_TO_PROTOCOL : FILTER_DIRECTION_TO_ADAPTER,
+             Frame, Length, Adapter->m_pDeliveryContext);
+        return;
+    }
     PNhDelivery delivery = (PNhDelivery)ExAllocatePoolWithTag(
         NonPagedPool, FIELD_OFFSET(NhDelivery, m_Frame) + (Length != 0 ? Length : 1), NH_DELIVERY_TAG);
     if (delivery == NULL) {
@@ -375,7 +403,27 @@ VOID NhRecordDelivery(PNhAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG
     NhLock lock;
     InsertTailList(&Adapter->m_Delivered[Index], &delivery->m_Link);
     Adapter->m_nDelivered[Index]++;
-    Adapter->m_nFramesOk[Index]++;
+}
+
+/* NhFramesOk - the sum of the adapter's per-processor counts in one direction. */
+ULONG64 NhFramesOk(PNhAdapter Adapter, ULONG Index)
+{
+    ULONG64 total = 0;
+    for (ULONG i = 0; i < NH_MAX_PROCESSORS; i++)
+        total += (ULONG64)Adapter->m_PerProcessor[i].m_nFramesOk[Index];
+    return total;
+}
+
+/* NhSetDeliverySink - where an open adapter's delivered frames go (NULL: recorded). */
+NTSTATUS NhSetDeliverySink(PFilterAdapter Adapter, PNH_DELIVERY_SINK Sink, PVOID Context)
+{
+    NhLock lock;
+    PNhAdapter adapter = NhFindOpenAdapterLocked(Adapter);
+    if (adapter == NULL)
+        return NDIS_STATUS_ADAPTER_NOT_FOUND;
+    adapter->m_pDeliveryContext = Context;
+    adapter->m_pfDeliverySink = Sink;
+    return STATUS_SUCCESS;
 }
 
 /* NhDeliveredCount - frames recorded for an open adapter in one direction. */

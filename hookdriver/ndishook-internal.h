@@ -7,9 +7,13 @@
  * exports, no STL. The host control part (ndishook-control) drives it
  * through the Nh* routines declared at the end.
  *
- * One spin lock guards every list of the driver. The framework's callbacks
- * are never called with it held: the framework calls straight back into the
- * hook functions, which take it.
+ * One spin lock guards the driver's lists and tables; the packet path does
+ * not take it. Packet records come from the driver's own blocks of records,
+ * kept free per processor (each processor's list under its own lock), and
+ * the packet path's counters are kept per processor and summed when read, so
+ * processors passing frames at once share no line. The framework's callbacks
+ * are never called with a lock held: the framework calls straight back into
+ * the hook functions, which take them.
  */
 #pragma once
 
@@ -30,7 +34,11 @@
 
 #define NH_ADAPTER_NAME_CHARS 128
 #define NH_MAX_CLAIMS 8
-#define NH_RECENTLY_RETURNED 64
+#define NH_MAX_PROCESSORS 64       /* per-processor state, by processor number modulo this */
+#define NH_RECORDS_PER_BLOCK 128   /* packet records allocated at once */
+#define NH_MAX_RECORD_BLOCKS 512   /* at most 65536 records out at once */
+#define NH_RECORD_BATCH 32         /* records moved between a processor and the shared list */
+#define NH_MAX_ADAPTER_RECORDS 1024
 #define NH_DEFAULT_LINK_SPEED 1000000 /* 100 Mbit/s in units of 100 bit/s */
 #define NH_MULTICAST_LIST_SIZE 32       /* addresses an adapter filters on */
 #define NH_DEFAULT_LOOKAHEAD 128
@@ -39,6 +47,11 @@
 /* Indexes of the two delivery directions. */
 #define NH_TO_PROTOCOL 0
 #define NH_TO_ADAPTER 1
+
+/* Where the frames delivered on an adapter go when the host takes them as they come
+ * (Direction: FILTER_DIRECTION_*). */
+typedef VOID (*PNH_DELIVERY_SINK)(PFilterAdapter Adapter, ULONG Direction, const UCHAR *Frame, ULONG Length,
+                                  PVOID Context);
 
 /* A frame the hook driver passed on: up to the protocols or down to the wire. */
 typedef struct _NhDelivery {
@@ -63,8 +76,13 @@ typedef struct _NhAdapter {
     WCHAR m_wszDeviceName[NH_ADAPTER_NAME_CHARS]; /* behind m_Filter.m_AdapterName */
     LIST_ENTRY m_Delivered[2]; /* NhDelivery, by NH_TO_PROTOCOL / NH_TO_ADAPTER */
     ULONG m_nDelivered[2];
+    /* where delivered frames go instead of m_Delivered (host control); set while no frame flows */
+    PNH_DELIVERY_SINK m_pfDeliverySink;
+    PVOID m_pDeliveryContext;
     /* what the miniport answers to NDIS requests; reset when the adapter opens */
-    ULONG64 m_nFramesOk[2]; /* by NH_TO_PROTOCOL (received) / NH_TO_ADAPTER (sent) */
+    struct alignas(64) {
+        volatile LONG64 m_nFramesOk[2]; /* by NH_TO_PROTOCOL (received) / NH_TO_ADAPTER (sent) */
+    } m_PerProcessor[NH_MAX_PROCESSORS];
     ULONG m_nPacketFilter;
     ULONG m_nLookahead;
     ULONG m_nMulticast;
@@ -76,11 +94,17 @@ typedef struct _NhAdapter {
 #define NH_ORIGIN_RECEIVED 2  /* a frame received on an adapter */
 #define NH_ORIGIN_SENT 3      /* a frame sent by the protocols */
 
+/* States of a packet record. */
+#define NH_RECORD_FREE 0      /* in a free list */
+#define NH_RECORD_OUT 1       /* handed out */
+#define NH_RECORD_RETURNING 2 /* taken back, not yet disposed of: still outstanding */
+
 /* The hook driver's bookkeeping of a packet, inside FilterPacket.m_HookPrivate1. */
 typedef struct _NhPacketPrivate {
     ULONG m_Magic;
     ULONG m_nOrigin;
-    LIST_ENTRY m_Link; /* in g_Hook.m_Packets while handed out */
+    LIST_ENTRY m_Link; /* in a free list while free */
+    volatile LONG m_State;
     PNhAdapter m_pAdapter;
     PNDIS_PACKET m_pNdisPacket;
     PUCHAR m_pFrame; /* the memory the NDIS buffers describe */
@@ -114,13 +138,30 @@ typedef struct _NhCounters {
 
 typedef VOID (*PNH_PACKET_OBSERVER)(PFilterPacket Packet, PVOID Context);
 
+/* What each processor keeps of the packet path (interlocked: a thread may move meanwhile). */
+typedef struct alignas(64) _NhProcessor {
+    KSPIN_LOCK m_Lock;         /* guards m_FreeRecords */
+    LIST_ENTRY m_FreeRecords;  /* NhPacketPrivate.m_Link */
+    ULONG m_nFreeRecords;
+    volatile LONG m_nOutstanding; /* handed out here less taken back here */
+    volatile LONG m_nCallsIntoFramework;
+    NhCounters m_Counters;
+} NhProcessor;
+
 /* The driver's one global record. */
 typedef struct _NhGlobal {
     BOOLEAN m_bLoaded;
     PDRIVER_OBJECT m_pDriver;
     KSPIN_LOCK m_Lock;
     LIST_ENTRY m_Adapters; /* every adapter record, in the order they last opened */
-    LIST_ENTRY m_Packets;  /* packet records handed out */
+    /* every adapter record, in the order they were made: entries below the count are set
+     * once and stay until unload, so the packet path finds adapters without the lock */
+    PNhAdapter m_AdapterTable[NH_MAX_ADAPTER_RECORDS];
+    volatile LONG m_nAdapterRecords;
+    /* the blocks of packet records: entries below the count stay until unload */
+    PFilterPacket m_RecordBlocks[NH_MAX_RECORD_BLOCKS];
+    volatile LONG m_nRecordBlocks;
+    LIST_ENTRY m_FreeRecords; /* records no processor keeps */
     LIST_ENTRY m_Requests; /* request blocks allocated */
     LIST_ENTRY m_PendingRequests; /* requests the adapters answer later */
     NDIS_TIMER m_RequestTimer;    /* completes the pending requests, as a miniport's DPC would */
@@ -128,10 +169,7 @@ typedef struct _NhGlobal {
     BOOLEAN m_bStopRequests;      /* unloading: nothing pends any more */
     BOOLEAN m_bHoldRequests;      /* the host holds pending requests back */
     volatile LONG m_nRequestTimerRuns;
-    PVOID m_Returned[NH_RECENTLY_RETURNED]; /* packet records taken back lately */
-    ULONG m_nNextReturned;
-    LONG m_nReturning; /* taken back, not yet disposed of: still outstanding to observers */
-    NhCounters m_Counters;
+    NhProcessor m_Processors[NH_MAX_PROCESSORS];
     NhClaim m_Claims[NH_MAX_CLAIMS];
     PNH_PACKET_OBSERVER m_pfObserver;
     PVOID m_pObserverContext;
@@ -139,7 +177,6 @@ typedef struct _NhGlobal {
     /* the binding: m_Api as the framework returned it, valid while m_bBound */
     NdisHookAPI m_Api;
     BOOLEAN m_bBound;
-    volatile LONG m_nCallsIntoFramework; /* callbacks running now */
 
     NDIS_HANDLE m_hPacketPool;
     NDIS_HANDLE m_hBufferPool;
@@ -170,12 +207,23 @@ public:
     NhFrameworkCall(const NhFrameworkCall &) = delete;
     NhFrameworkCall &operator=(const NhFrameworkCall &) = delete;
     /* The callbacks, or NULL when not bound. */
-    const NdisHookAPI *Api() const { return m_bEntered ? &m_Api : NULL; }
+    const NdisHookAPI *Api() const { return m_pProcessor != NULL ? &g_Hook.m_Api : NULL; }
 
 private:
-    BOOLEAN m_bEntered;
-    NdisHookAPI m_Api;
+    NhProcessor *m_pProcessor; /* whose count of calls the window raised; NULL when not bound */
 };
+
+/* The calling processor's share of the packet path. */
+inline NhProcessor *NhThisProcessor(VOID)
+{
+    return &g_Hook.m_Processors[KeGetCurrentProcessorNumber() % NH_MAX_PROCESSORS];
+}
+
+/* Adds one to a counter of the calling processor's share. */
+inline VOID NhCount(ULONG *Counter)
+{
+    InterlockedIncrement((volatile LONG *)Counter);
+}
 
 /* ---- verifier findings (ndishook-finding.cpp) ---- */
 VOID NhReportFinding(PCSTR Format, ...) __attribute__((format(printf, 1, 2)));
@@ -233,8 +281,13 @@ VOID NhCloseAllAdapters(VOID);
 /* Frees every adapter record with its deliveries (at unload, after the packets). */
 VOID NhFreeAdapters(VOID);
 
-/* Records a frame delivered on an adapter (NH_TO_PROTOCOL / NH_TO_ADAPTER). */
+/* Records a frame delivered on an adapter (NH_TO_PROTOCOL / NH_TO_ADAPTER), or hands it to the
+ * adapter's delivery sink. */
 VOID NhRecordDelivery(PNhAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG Length);
+/* Frames passed on by an adapter in one direction since it opened (the miniport's counter). */
+ULONG64 NhFramesOk(PNhAdapter Adapter, ULONG Index);
+/* Sends the frames an open adapter delivers to Sink (NULL: records them again). */
+NTSTATUS NhSetDeliverySink(PFilterAdapter Adapter, PNH_DELIVERY_SINK Sink, PVOID Context);
 ULONG NhDeliveredCount(PFilterAdapter Adapter, ULONG Index);
 /* Copies delivery `Position`; STATUS_NOT_FOUND when there is none, STATUS_BUFFER_TOO_SMALL
  * (with *Length set) when it does not fit. With Remove the delivery copied is forgotten. */

@@ -120,21 +120,39 @@ VOID NhUnload(PDRIVER_OBJECT DriverObject)
 
 /* ---- a window for calling the framework ---- */
 
-NhFrameworkCall::NhFrameworkCall() : m_bEntered(FALSE)
+/*
+ * The window raises the calling processor's count of calls before it looks
+ * at m_bBound; NhUnbind clears m_bBound before it reads the counts (with
+ * interlocked reads), so either the window sees the binding gone or unbinding
+ * waits for it. m_Api does not change while a window is open.
+ */
+NhFrameworkCall::NhFrameworkCall() : m_pProcessor(NhThisProcessor())
 {
-    NhLock lock;
-    if (g_Hook.m_bBound) {
-        InterlockedIncrement(&g_Hook.m_nCallsIntoFramework);
-        m_Api = g_Hook.m_Api;
-        m_bEntered = TRUE;
+    InterlockedIncrement(&m_pProcessor->m_nCallsIntoFramework);
+    if (!*(volatile BOOLEAN *)&g_Hook.m_bBound) {
+        InterlockedDecrement(&m_pProcessor->m_nCallsIntoFramework);
+        m_pProcessor = NULL;
     }
 }
 
 NhFrameworkCall::~NhFrameworkCall()
 {
-    if (m_bEntered)
-        InterlockedDecrement(&g_Hook.m_nCallsIntoFramework);
+    if (m_pProcessor != NULL)
+        InterlockedDecrement(&m_pProcessor->m_nCallsIntoFramework);
 }
+
+namespace {
+
+/* Windows open now, summed over the processors. */
+LONG CallsIntoFramework(VOID)
+{
+    LONG calls = 0;
+    for (ULONG i = 0; i < NH_MAX_PROCESSORS; i++)
+        calls += InterlockedCompareExchange(&g_Hook.m_Processors[i].m_nCallsIntoFramework, 0, 0);
+    return calls;
+}
+
+} // namespace
 
 /*
  * NhBind - binds with the framework unless already bound. Returns the status
@@ -185,7 +203,7 @@ NTSTATUS NhUnbind(VOID)
         g_Hook.m_bBound = FALSE;
         api = g_Hook.m_Api;
     }
-    while (g_Hook.m_nCallsIntoFramework != 0) {
+    while (CallsIntoFramework() != 0) {
         LARGE_INTEGER interval;
         interval.QuadPart = -10000; /* 1 ms */
         KeDelayExecutionThread(KernelMode, FALSE, &interval);
@@ -228,7 +246,11 @@ EXTERN_C NTSTATUS NTAPI NdisHookDriverEntry(PDRIVER_OBJECT DriverObject, PUNICOD
     RtlZeroMemory(&g_Hook, sizeof(g_Hook));
     KeInitializeSpinLock(&g_Hook.m_Lock);
     InitializeListHead(&g_Hook.m_Adapters);
-    InitializeListHead(&g_Hook.m_Packets);
+    InitializeListHead(&g_Hook.m_FreeRecords);
+    for (ULONG i = 0; i < NH_MAX_PROCESSORS; i++) {
+        KeInitializeSpinLock(&g_Hook.m_Processors[i].m_Lock);
+        InitializeListHead(&g_Hook.m_Processors[i].m_FreeRecords);
+    }
     InitializeListHead(&g_Hook.m_Requests);
     PrepareRecord(&g_Hook.m_Api);
     NhInitializeRequests();

@@ -7,9 +7,12 @@
  * calls the framework's receive or send callback at DISPATCH_LEVEL.
  *
  * Every packet record handed out must come back exactly once: through
- * Hook_FreePacket or through one of the inject functions. Records out are
- * kept in g_Hook.m_Packets; one handed back twice, or a pointer that never
- * was a record, is a verifier finding and is not touched.
+ * Hook_FreePacket or through one of the inject functions. Records live in
+ * the driver's blocks of records and say in their state whether they are
+ * out; one handed back twice, or a pointer that is not a record of a block,
+ * is a verifier finding and is not touched. Free records are kept per
+ * processor; a processor out of them takes a batch from the shared list (or
+ * a new block), and one with too many gives a batch back.
  */
 #include "ndishook-internal.h"
 
@@ -23,10 +26,112 @@ namespace {
 /* The private record starts the packet record, so a list link leads back to the packet. */
 C_ASSERT(FIELD_OFFSET(FilterPacket, m_HookPrivate1) == 0);
 
+/* Moves up to Count entries from the head of From to the tail of To; returns how many. */
+ULONG MoveRecords(PLIST_ENTRY From, PLIST_ENTRY To, ULONG Count)
+{
+    ULONG moved = 0;
+    for (; moved < Count && !IsListEmpty(From); moved++)
+        InsertTailList(To, RemoveHeadList(From));
+    return moved;
+}
+
+/* A new block of free records, linked into Free; FALSE without memory or room. */
+BOOLEAN GrowRecords(PLIST_ENTRY Free)
+{
+    PFilterPacket block = (PFilterPacket)ExAllocatePoolWithTag(
+        NonPagedPool, NH_RECORDS_PER_BLOCK * sizeof(FilterPacket), NH_PACKET_TAG);
+    if (block == NULL)
+        return FALSE;
+    RtlZeroMemory(block, NH_RECORDS_PER_BLOCK * sizeof(FilterPacket));
+    BOOLEAN registered = FALSE;
+    {
+        NhLock lock;
+        if (g_Hook.m_nRecordBlocks < NH_MAX_RECORD_BLOCKS) {
+            g_Hook.m_RecordBlocks[g_Hook.m_nRecordBlocks] = block;
+            InterlockedIncrement(&g_Hook.m_nRecordBlocks); /* published after the entry */
+            registered = TRUE;
+        }
+    }
+    if (!registered) {
+        ExFreePoolWithTag(block, NH_PACKET_TAG);
+        return FALSE;
+    }
+    for (ULONG i = 0; i < NH_RECORDS_PER_BLOCK; i++)
+        InsertTailList(Free, &NH_PRIVATE(&block[i])->m_Link);
+    return TRUE;
+}
+
+/* A free record for the calling processor (its state still NH_RECORD_FREE), or NULL. */
+PFilterPacket TakeRecord(NhProcessor *Processor)
+{
+    LIST_ENTRY batch;
+    InitializeListHead(&batch);
+    PLIST_ENTRY link = NULL;
+    {
+        KIRQL irql;
+        KeAcquireSpinLock(&Processor->m_Lock, &irql);
+        if (!IsListEmpty(&Processor->m_FreeRecords)) {
+            link = RemoveHeadList(&Processor->m_FreeRecords);
+            Processor->m_nFreeRecords--;
+        }
+        KeReleaseSpinLock(&Processor->m_Lock, irql);
+    }
+    if (link == NULL) {
+        {
+            NhLock lock;
+            MoveRecords(&g_Hook.m_FreeRecords, &batch, NH_RECORD_BATCH);
+        }
+        if (IsListEmpty(&batch) && !GrowRecords(&batch))
+            return NULL;
+        link = RemoveHeadList(&batch);
+        KIRQL irql;
+        KeAcquireSpinLock(&Processor->m_Lock, &irql);
+        Processor->m_nFreeRecords += MoveRecords(&batch, &Processor->m_FreeRecords, NH_RECORDS_PER_BLOCK);
+        KeReleaseSpinLock(&Processor->m_Lock, irql);
+    }
+    return (PFilterPacket)CONTAINING_RECORD(link, NhPacketPrivate, m_Link);
+}
+
+/* Gives a disposed record back to the calling processor's free list. */
+VOID PutRecord(PFilterPacket Packet)
+{
+    NhProcessor *processor = NhThisProcessor();
+    LIST_ENTRY batch;
+    InitializeListHead(&batch);
+    PNhPacketPrivate own = NH_PRIVATE(Packet);
+    InterlockedExchange(&own->m_State, NH_RECORD_FREE);
+    {
+        KIRQL irql;
+        KeAcquireSpinLock(&processor->m_Lock, &irql);
+        InsertHeadList(&processor->m_FreeRecords, &own->m_Link);
+        if (++processor->m_nFreeRecords > 4 * NH_RECORD_BATCH)
+            processor->m_nFreeRecords -= MoveRecords(&processor->m_FreeRecords, &batch, 2 * NH_RECORD_BATCH);
+        KeReleaseSpinLock(&processor->m_Lock, irql);
+    }
+    if (!IsListEmpty(&batch)) {
+        NhLock lock;
+        MoveRecords(&batch, &g_Hook.m_FreeRecords, 2 * NH_RECORD_BATCH);
+    }
+    InterlockedDecrement(&processor->m_nOutstanding);
+}
+
+/* Whether Packet is a record of one of the blocks (without reading it). */
+BOOLEAN IsRecord(PFilterPacket Packet)
+{
+    LONG count = InterlockedCompareExchange(&g_Hook.m_nRecordBlocks, 0, 0);
+    for (LONG i = 0; i < count; i++) {
+        ULONG_PTR offset = (ULONG_PTR)Packet - (ULONG_PTR)g_Hook.m_RecordBlocks[i];
+        if (offset < NH_RECORDS_PER_BLOCK * sizeof(FilterPacket))
+            return offset % sizeof(FilterPacket) == 0;
+    }
+    return FALSE;
+}
+
 /* A new zeroed record for an adapter, counted as handed out. */
 PFilterPacket NewRecord(PNhAdapter Adapter, ULONG Origin, PCSTR File, ULONG Line)
 {
-    PFilterPacket packet = (PFilterPacket)ExAllocatePoolWithTag(NonPagedPool, sizeof(FilterPacket), NH_PACKET_TAG);
+    NhProcessor *processor = NhThisProcessor();
+    PFilterPacket packet = TakeRecord(processor);
     if (packet == NULL)
         return NULL;
     RtlZeroMemory(packet, sizeof(*packet));
@@ -37,9 +142,9 @@ PFilterPacket NewRecord(PNhAdapter Adapter, ULONG Origin, PCSTR File, ULONG Line
     own->m_pAdapter = Adapter;
     own->m_pszFile = File;
     own->m_nLine = Line;
-    NhLock lock;
-    InsertTailList(&g_Hook.m_Packets, &own->m_Link);
-    g_Hook.m_Counters.m_nHandedOut++;
+    InterlockedIncrement(&processor->m_nOutstanding);
+    NhCount(&processor->m_Counters.m_nHandedOut);
+    InterlockedExchange(&own->m_State, NH_RECORD_OUT);
     return packet;
 }
 
@@ -67,22 +172,11 @@ BOOLEAN TakeBack(PFilterPacket Packet, PCSTR How, PCSTR File, ULONG Line)
         NhReportFinding("NdisHook: %s(NULL) from %s:%u", How, File != NULL ? File : "?", (unsigned)Line);
         return FALSE;
     }
-    BOOLEAN returnedBefore = FALSE;
-    {
-        NhLock lock;
-        for (PLIST_ENTRY link = g_Hook.m_Packets.Flink; link != &g_Hook.m_Packets; link = link->Flink) {
-            if (link == &NH_PRIVATE(Packet)->m_Link) {
-                RemoveEntryList(link);
-                g_Hook.m_nReturning++;
-                g_Hook.m_Returned[g_Hook.m_nNextReturned] = Packet;
-                g_Hook.m_nNextReturned = (g_Hook.m_nNextReturned + 1) % NH_RECENTLY_RETURNED;
-                return TRUE;
-            }
-        }
-        for (ULONG i = 0; i < NH_RECENTLY_RETURNED; i++)
-            returnedBefore |= g_Hook.m_Returned[i] == Packet;
-    }
-    if (returnedBefore)
+    BOOLEAN record = IsRecord(Packet);
+    if (record && InterlockedCompareExchange(&NH_PRIVATE(Packet)->m_State, NH_RECORD_RETURNING, NH_RECORD_OUT) ==
+                      NH_RECORD_OUT)
+        return TRUE;
+    if (record)
         NhReportFinding("NdisHook: %s(%p) from %s:%u: the packet was already handed back (freed or "
                         "injected twice)", How, (PVOID)Packet, File != NULL ? File : "?", (unsigned)Line);
     else
@@ -93,19 +187,18 @@ BOOLEAN TakeBack(PFilterPacket Packet, PCSTR How, PCSTR File, ULONG Line)
 
 /*
  * Disposes of a record taken back: its release callback first, then the NDIS
- * packet and buffers behind it, then the record. IRQL <= DISPATCH_LEVEL.
+ * packet and buffers behind it. The record itself goes back with PutRecord.
+ * IRQL <= DISPATCH_LEVEL.
  */
 VOID Dispose(PFilterPacket Packet)
 {
     if (Packet->m_pfReleaseCallback != NULL) {
         Packet->m_pfReleaseCallback(Packet, Packet->m_pReleaseContext);
-        NhLock lock;
-        g_Hook.m_Counters.m_nReleaseCallbacks++;
+        NhCount(&NhThisProcessor()->m_Counters.m_nReleaseCallbacks);
     }
     PNhPacketPrivate own = NH_PRIVATE(Packet);
     FreeNdisPacket(own->m_pNdisPacket, own->m_pFrame);
     own->m_Magic = 0;
-    ExFreePoolWithTag(Packet, NH_PACKET_TAG);
 }
 
 /*
@@ -178,21 +271,27 @@ VOID PassThrough(PNhAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG Leng
 }
 
 /*
- * The frame an injected record carries: m_Data when it is dirty, else the
- * NDIS packet behind it, else m_Data. Returns the frame's length, or
- * (ULONG)-1 when m_nPacketSize does not fit m_Data.
+ * The frame an injected record carries: m_Data when it is dirty or has no
+ * NDIS packet behind it, else the NDIS packet's data copied into Scratch
+ * (FILTER_PACKET_DATA_SIZE bytes, allocated here and freed by the caller).
+ * Returns the frame's length, (ULONG)-1 when m_nPacketSize does not fit
+ * m_Data, (ULONG)-2 without memory for the copy.
  */
-ULONG ExtractFrame(PFilterPacket Packet, PUCHAR *Frame, PUCHAR Scratch)
+ULONG ExtractFrame(PFilterPacket Packet, PUCHAR *Frame, PUCHAR *Scratch)
 {
     PNDIS_PACKET ndis = Packet->m_pIncomingNdisPacket != NULL ? Packet->m_pIncomingNdisPacket
                                                                : Packet->m_pOutgoingNdisPacket;
     if (!Packet->m_bDirty && ndis != NULL) {
+        /* Frames of the real driver never exceed m_Data: that much scratch is enough. */
+        *Scratch = (PUCHAR)ExAllocatePoolWithTag(NonPagedPool, FILTER_PACKET_DATA_SIZE, NH_FRAME_TAG);
+        if (*Scratch == NULL)
+            return (ULONG)-2;
         UINT total = 0;
         NdisQueryPacketLength(ndis, &total);
         if (total > FILTER_PACKET_DATA_SIZE)
             total = FILTER_PACKET_DATA_SIZE;
-        *Frame = Scratch;
-        return CopyFromChain(ndis, Scratch, total);
+        *Frame = *Scratch;
+        return CopyFromChain(ndis, *Scratch, total);
     }
     if (Packet->m_nPacketSize > FILTER_PACKET_DATA_SIZE)
         return (ULONG)-1;
@@ -210,11 +309,10 @@ NDIS_STATUS Inject(PFilterAdapter Adapter, PFilterPacket Packet, ULONG Index, PC
     if (adapter == NULL) {
         status = NDIS_STATUS_ADAPTER_NOT_FOUND;
     } else {
-        /* Frames of the real driver never exceed m_Data: one can stand in as scratch. */
-        PUCHAR scratch = (PUCHAR)ExAllocatePoolWithTag(NonPagedPool, FILTER_PACKET_DATA_SIZE, NH_FRAME_TAG);
+        PUCHAR scratch = NULL;
         PUCHAR frame = NULL;
-        ULONG length = scratch != NULL ? ExtractFrame(Packet, &frame, scratch) : (ULONG)-1;
-        if (scratch == NULL)
+        ULONG length = ExtractFrame(Packet, &frame, &scratch);
+        if (length == (ULONG)-2)
             status = NDIS_STATUS_RESOURCES;
         else if (length == (ULONG)-1)
             status = NDIS_STATUS_INVALID_LENGTH;
@@ -224,12 +322,9 @@ NDIS_STATUS Inject(PFilterAdapter Adapter, PFilterPacket Packet, ULONG Index, PC
             ExFreePoolWithTag(scratch, NH_FRAME_TAG);
     }
     Dispose(Packet);
-    {
-        /* Back only now: whoever sees it back also sees its delivery. */
-        NhLock lock;
-        g_Hook.m_Counters.m_nInjected++;
-        g_Hook.m_nReturning--;
-    }
+    /* Back only now: whoever sees it back also sees its delivery. */
+    NhCount(&NhThisProcessor()->m_Counters.m_nInjected);
+    PutRecord(Packet);
     return status;
 }
 
@@ -257,23 +352,29 @@ NTSTATUS NhInitializePackets(VOID)
  */
 VOID NhReclaimPackets(VOID)
 {
-    for (;;) {
-        PFilterPacket packet;
-        {
-            NhLock lock;
-            if (IsListEmpty(&g_Hook.m_Packets))
-                break;
-            PLIST_ENTRY link = RemoveHeadList(&g_Hook.m_Packets);
-            packet = (PFilterPacket)CONTAINING_RECORD(link, NhPacketPrivate, m_Link);
+    LONG blocks = InterlockedExchange(&g_Hook.m_nRecordBlocks, 0);
+    for (LONG b = 0; b < blocks; b++) {
+        PFilterPacket block = g_Hook.m_RecordBlocks[b];
+        for (ULONG i = 0; i < NH_RECORDS_PER_BLOCK; i++) {
+            PFilterPacket packet = &block[i];
+            PNhPacketPrivate own = NH_PRIVATE(packet);
+            if (own->m_State == NH_RECORD_FREE)
+                continue;
+            NhReportFinding("NdisHook: packet %p (%s, allocated at %s:%u) was still out at unload", (PVOID)packet,
+                            own->m_nOrigin == NH_ORIGIN_RECEIVED ? "received frame"
+                            : own->m_nOrigin == NH_ORIGIN_SENT   ? "sent frame"
+                                                                 : "Hook_AllocatePacket",
+                            own->m_pszFile != NULL ? own->m_pszFile : "?", (unsigned)own->m_nLine);
+            packet->m_pfReleaseCallback = NULL;
+            Dispose(packet);
         }
-        PNhPacketPrivate own = NH_PRIVATE(packet);
-        NhReportFinding("NdisHook: packet %p (%s, allocated at %s:%u) was still out at unload", (PVOID)packet,
-                        own->m_nOrigin == NH_ORIGIN_RECEIVED ? "received frame"
-                        : own->m_nOrigin == NH_ORIGIN_SENT   ? "sent frame"
-                                                             : "Hook_AllocatePacket",
-                        own->m_pszFile != NULL ? own->m_pszFile : "?", (unsigned)own->m_nLine);
-        packet->m_pfReleaseCallback = NULL;
-        Dispose(packet);
+        ExFreePoolWithTag(block, NH_PACKET_TAG);
+    }
+    InitializeListHead(&g_Hook.m_FreeRecords);
+    for (ULONG i = 0; i < NH_MAX_PROCESSORS; i++) {
+        InitializeListHead(&g_Hook.m_Processors[i].m_FreeRecords);
+        g_Hook.m_Processors[i].m_nFreeRecords = 0;
+        g_Hook.m_Processors[i].m_nOutstanding = 0;
     }
     NdisFreeBufferPool(g_Hook.m_hBufferPool);
     NdisFreePacketPool(g_Hook.m_hPacketPool);
@@ -302,11 +403,8 @@ EXTERN_C VOID NTAPI NhFreePacket(PFilterPacket Packet, PCSTR File, ULONG Line)
     if (!TakeBack(Packet, "Hook_FreePacket", File, Line))
         return;
     Dispose(Packet);
-    {
-        NhLock lock;
-        g_Hook.m_Counters.m_nFreed++;
-        g_Hook.m_nReturning--;
-    }
+    NhCount(&NhThisProcessor()->m_Counters.m_nFreed);
+    PutRecord(Packet);
 }
 
 /*
@@ -375,17 +473,15 @@ NTSTATUS NhIndicateFrame(PFilterAdapter Adapter, ULONG Index, const UCHAR *Frame
         packet->m_nPacketSize = Length;
         packet->m_nDirection = received ? FILTER_DIRECTION_TO_PROTOCOL : FILTER_DIRECTION_TO_ADAPTER;
 
-        PNH_PACKET_OBSERVER observer;
-        PVOID context;
-        {
+        PNH_PACKET_OBSERVER observer = *(PNH_PACKET_OBSERVER volatile *)&g_Hook.m_pfObserver;
+        PVOID context = NULL;
+        if (observer != NULL) {
             NhLock lock;
             observer = g_Hook.m_pfObserver;
             context = g_Hook.m_pObserverContext;
-            if (received)
-                g_Hook.m_Counters.m_nReceivesIndicated++;
-            else
-                g_Hook.m_Counters.m_nSendsIndicated++;
         }
+        NhProcessor *processor = NhThisProcessor();
+        NhCount(received ? &processor->m_Counters.m_nReceivesIndicated : &processor->m_Counters.m_nSendsIndicated);
         KIRQL irql;
         KeRaiseIrql(DISPATCH_LEVEL, &irql);
         if (observer != NULL)
@@ -402,18 +498,25 @@ NTSTATUS NhIndicateFrame(PFilterAdapter Adapter, ULONG Index, const UCHAR *Frame
 /* NhPacketsOutstanding - packet records handed out and not yet back (a record being taken back still counts). */
 LONG NhPacketsOutstanding(VOID)
 {
-    NhLock lock;
-    LONG count = g_Hook.m_nReturning;
-    for (PLIST_ENTRY link = g_Hook.m_Packets.Flink; link != &g_Hook.m_Packets; link = link->Flink)
-        count++;
+    LONG count = 0;
+    for (ULONG i = 0; i < NH_MAX_PROCESSORS; i++)
+        count += InterlockedCompareExchange(&g_Hook.m_Processors[i].m_nOutstanding, 0, 0);
     return count;
 }
 
-/* NhQueryCounters - a copy of the running totals. */
+/* NhQueryCounters - the running totals, summed over the processors. */
 VOID NhQueryCounters(NhCounters *Counters)
 {
-    NhLock lock;
-    *Counters = g_Hook.m_Counters;
+    RtlZeroMemory(Counters, sizeof(*Counters));
+    for (ULONG i = 0; i < NH_MAX_PROCESSORS; i++) {
+        const NhCounters *part = &g_Hook.m_Processors[i].m_Counters;
+        Counters->m_nHandedOut += *(volatile const ULONG *)&part->m_nHandedOut;
+        Counters->m_nFreed += *(volatile const ULONG *)&part->m_nFreed;
+        Counters->m_nInjected += *(volatile const ULONG *)&part->m_nInjected;
+        Counters->m_nReleaseCallbacks += *(volatile const ULONG *)&part->m_nReleaseCallbacks;
+        Counters->m_nReceivesIndicated += *(volatile const ULONG *)&part->m_nReceivesIndicated;
+        Counters->m_nSendsIndicated += *(volatile const ULONG *)&part->m_nSendsIndicated;
+    }
 }
 
 /* NhSetPacketObserver - a routine shown every indicated packet first (NULL: none). */

@@ -106,9 +106,9 @@ NDIS_STATUS Query(PNhAdapter Adapter, PNDIS_REQUEST Request)
     case OID_GEN_CURRENT_PACKET_FILTER:
         return AnswerUlong(Request, Adapter->m_nPacketFilter);
     case OID_GEN_XMIT_OK:
-        return AnswerCounter(Request, Adapter->m_nFramesOk[NH_TO_ADAPTER]);
+        return AnswerCounter(Request, NhFramesOk(Adapter, NH_TO_ADAPTER));
     case OID_GEN_RCV_OK:
-        return AnswerCounter(Request, Adapter->m_nFramesOk[NH_TO_PROTOCOL]);
+        return AnswerCounter(Request, NhFramesOk(Adapter, NH_TO_PROTOCOL));
     case OID_802_3_CURRENT_ADDRESS:
         return Answer(Request, filter->m_CurrentAddress, 6);
     case OID_802_3_PERMANENT_ADDRESS:

@@ -195,6 +195,17 @@ NTSTATUS NdisHookTakeDelivered(PFilterAdapter Adapter, ULONG Direction, PVOID Bu
                                PULONG Length);
 VOID NdisHookClearDelivered(PFilterAdapter Adapter);
 
+/*
+ * Frames delivered on an open adapter go to Sink as they come instead of
+ * being recorded: at DISPATCH_LEVEL, on the thread that delivers them (several
+ * threads may call it at once); Direction is FILTER_DIRECTION_*. NULL records
+ * frames again. Set and remove it while no frame flows on the adapter. The
+ * adapter's frame counters count the frames either way.
+ */
+typedef VOID (*PNDIS_HOOK_DELIVERY_SINK)(PFilterAdapter Adapter, ULONG Direction, const UCHAR *Frame,
+                                         ULONG Length, PVOID Context);
+NTSTATUS NdisHookSetDeliverySink(PFilterAdapter Adapter, PNDIS_HOOK_DELIVERY_SINK Sink, PVOID Context);
+
 /* ======================================================================
  * Accounting and control codes
  * ====================================================================== */
