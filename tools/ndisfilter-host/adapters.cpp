@@ -3,11 +3,13 @@
 
 #include <ndishook.h>
 
-#include <algorithm>
+#include <sys/stat.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <thread>
 
 namespace host {
 
@@ -15,6 +17,10 @@ namespace {
 
 const size_t EthernetHeader = 14;
 const size_t LongestFrame = 1518;
+/* Distinct addresses counted per capture when picking its MAC and IP address; later new ones are ignored. */
+const size_t MaxAddressesCounted = 65536;
+/* How long the replay waits for the hook driver's packets to come back. */
+const auto PoolPatience = std::chrono::seconds(10);
 
 /* "host-a" for ".../host-a.pcap". */
 std::string FileStem(const std::string &path)
@@ -25,17 +31,31 @@ std::string FileStem(const std::string &path)
     return dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
 }
 
-/* The most frequent source MAC; the earliest of equally frequent ones. FALSE when no frame has one. */
-bool MostFrequentSource(const std::vector<CapturedFrame> &frames, UCHAR *mac)
+/* The most frequent source MAC of a capture, the earliest of equally frequent ones, and
+ * the capture's frame count. FALSE when it cannot be read or no frame has a source. */
+bool ReadSourceMac(ReplayAdapter *adapter, std::string *error)
 {
+    CaptureReader reader;
+    if (!reader.Open(adapter->CapturePath, error))
+        return false;
     std::map<std::string, std::pair<size_t, size_t>> seen; /* address -> (count, first index) */
-    for (size_t i = 0; i < frames.size(); i++) {
-        if (frames[i].Bytes.size() < EthernetHeader)
+    FrameView frame;
+    size_t frames = 0;
+    for (; reader.Next(&frame); frames++) {
+        if (frame.Length < EthernetHeader)
             continue;
-        std::string source((const char *)frames[i].Bytes.data() + 6, 6);
-        auto inserted = seen.emplace(source, std::make_pair((size_t)0, i));
-        inserted.first->second.first++;
+        std::string source((const char *)frame.Bytes + 6, 6);
+        auto found = seen.find(source);
+        if (found == seen.end() && seen.size() < MaxAddressesCounted)
+            found = seen.emplace(source, std::make_pair((size_t)0, frames)).first;
+        if (found != seen.end())
+            found->second.first++;
     }
+    if (!reader.Error().empty()) {
+        *error = reader.Error();
+        return false;
+    }
+    adapter->FrameCount = frames;
     const std::string *best = nullptr;
     std::pair<size_t, size_t> bestRank;
     for (const auto &entry : seen) {
@@ -45,9 +65,11 @@ bool MostFrequentSource(const std::vector<CapturedFrame> &frames, UCHAR *mac)
             bestRank = entry.second;
         }
     }
-    if (best == nullptr)
+    if (best == nullptr) {
+        *error = "no Ethernet frame";
         return false;
-    std::memcpy(mac, best->data(), 6);
+    }
+    std::memcpy(adapter->Mac, best->data(), 6);
     return true;
 }
 
@@ -56,17 +78,26 @@ bool MostFrequentSource(const std::vector<CapturedFrame> &frames, UCHAR *mac)
  * frequent source address, mask 255.255.255.0 and the network's .1 (.254
  * when that is the adapter's own) as its router. Left zero when no own frame is IPv4.
  */
-void GuessIpConfig(ReplayAdapter *adapter)
+bool GuessIpConfig(ReplayAdapter *adapter, std::string *error)
 {
     const size_t SourceOffset = EthernetHeader + 12;
+    CaptureReader reader;
+    if (!reader.Open(adapter->CapturePath, error))
+        return false;
     std::map<ULONG, size_t> seen;
-    for (const CapturedFrame &frame : adapter->Frames) {
-        const std::vector<UCHAR> &b = frame.Bytes;
-        if (!adapter->IsOwnFrame(frame) || b.size() < SourceOffset + 4 || b[12] != 0x08 || b[13] != 0x00)
+    FrameView frame;
+    while (reader.Next(&frame)) {
+        const unsigned char *b = frame.Bytes;
+        if (!adapter->IsOwnFrame(b, frame.Length) || frame.Length < SourceOffset + 4 || b[12] != 0x08 || b[13] != 0x00)
             continue;
         ULONG address;
-        std::memcpy(&address, b.data() + SourceOffset, 4); /* as it lies in the packet */
-        seen[address]++;
+        std::memcpy(&address, b + SourceOffset, 4); /* as it lies in the packet */
+        if (seen.size() < MaxAddressesCounted || seen.count(address) != 0)
+            seen[address]++;
+    }
+    if (!reader.Error().empty()) {
+        *error = reader.Error();
+        return false;
     }
     ULONG best = 0;
     size_t bestCount = 0;
@@ -77,7 +108,7 @@ void GuessIpConfig(ReplayAdapter *adapter)
         }
     }
     if (bestCount == 0)
-        return;
+        return true;
     const UCHAR mask[4] = {255, 255, 255, 0};
     UCHAR router[4];
     std::memcpy(router, &best, 4);
@@ -89,13 +120,49 @@ void GuessIpConfig(ReplayAdapter *adapter)
     config.m_IP[0].Broadcast = SubnetBroadcastAddress(best, config.m_IP[0].Netmask);
     config.m_nGW = 1;
     std::memcpy(&config.RouterAddr[0], router, 4);
+    return true;
+}
+
+/* The hook driver's delivery sink: Context is the adapter. */
+VOID WriteDelivered(PFilterAdapter, ULONG Direction, const UCHAR *Frame, ULONG Length, PVOID Context)
+{
+    ReplayAdapter *adapter = static_cast<ReplayAdapter *>(Context);
+    (Direction == FILTER_DIRECTION_TO_ADAPTER ? adapter->ToWire : adapter->ToProtocols).Add(Frame, Length);
 }
 
 } // namespace
 
-bool ReplayAdapter::IsOwnFrame(const CapturedFrame &frame) const
+bool ReplayAdapter::IsOwnFrame(const unsigned char *bytes, size_t length) const
 {
-    return frame.Bytes.size() >= EthernetHeader && std::memcmp(frame.Bytes.data() + 6, Mac, 6) == 0;
+    return length >= EthernetHeader && std::memcmp(bytes + 6, Mac, 6) == 0;
+}
+
+bool DeliveryOutput::Open(const std::string &path, int64_t startSeconds, std::string *error)
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_path = path;
+    m_start = startSeconds;
+    m_frames = 0;
+    return m_writer.Open(path, error);
+}
+
+void DeliveryOutput::Add(const unsigned char *bytes, size_t length)
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_writer.Write(bytes, length, m_start + (int64_t)(m_frames / 1000000), (int64_t)(m_frames % 1000000));
+    m_frames++;
+}
+
+bool DeliveryOutput::Close(std::string *error)
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_writer.Close(error);
+}
+
+size_t DeliveryOutput::Frames() const
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_frames;
 }
 
 std::string MacText(const UCHAR *mac)
@@ -113,17 +180,30 @@ bool ReadCaptures(const std::vector<std::string> &paths, Adapters *adapters, std
         adapter->CapturePath = path;
         adapter->Name = FileStem(path);
         std::string why;
-        if (!ReadCapture(path, &adapter->Frames, &why)) {
-            *error = "cannot read " + path + ": " + why;
-            return false;
-        }
-        if (!MostFrequentSource(adapter->Frames, adapter->Mac)) {
-            *error = path + " holds no Ethernet frame";
+        if (!ReadSourceMac(adapter.get(), &why) || !GuessIpConfig(adapter.get(), &why)) {
+            *error = why == "no Ethernet frame" ? path + " holds no Ethernet frame" : "cannot read " + path + ": " + why;
             return false;
         }
         adapters->push_back(std::move(adapter));
     }
     return true;
+}
+
+std::vector<std::vector<unsigned char>> FirstFrames(const ReplayAdapter &adapter, size_t count, size_t longest,
+                                                    bool receivedOnly)
+{
+    std::vector<std::vector<unsigned char>> frames;
+    CaptureReader reader;
+    std::string error;
+    if (count == 0 || !reader.Open(adapter.CapturePath, &error))
+        return frames;
+    FrameView frame;
+    while (frames.size() < count && reader.Next(&frame)) {
+        if (frame.Length == 0 || frame.Length > longest || (receivedOnly && adapter.IsOwnFrame(frame.Bytes, frame.Length)))
+            continue;
+        frames.emplace_back(frame.Bytes, frame.Bytes + frame.Length);
+    }
+    return frames;
 }
 
 /*
@@ -149,7 +229,6 @@ bool OpenAdapters(Adapters &adapters, std::string *error)
         std::memcpy(setup.PermanentAddress, adapter.Mac, 6);
         setup.Mtu = 1500;
         setup.Medium = NdisMedium802_3;
-        GuessIpConfig(&adapter);
         setup.IpConfig = adapter.IpConfig.m_nIP != 0 ? &adapter.IpConfig : nullptr;
         adapter.Handle = NdisHookOpenAdapter(&setup);
         if (adapter.Handle == nullptr) {
@@ -164,62 +243,149 @@ bool OpenAdapters(Adapters &adapters, std::string *error)
     return true;
 }
 
-double Replay(Adapters &adapters, bool *ok, std::string *error)
+bool StartOutputs(Adapters &adapters, const std::string &dir, int64_t startSeconds, std::string *error)
 {
-    struct Step {
-        int64_t Time;
-        size_t Adapter;
-        size_t Frame;
-    };
-    std::vector<Step> steps;
-    for (size_t a = 0; a < adapters.size(); a++) {
-        const std::vector<CapturedFrame> &frames = adapters[a]->Frames;
-        for (size_t f = 0; f < frames.size(); f++)
-            steps.push_back({frames[f].Seconds * 1000000 + frames[f].Microseconds, a, f});
-    }
-    std::stable_sort(steps.begin(), steps.end(), [](const Step &x, const Step &y) { return x.Time < y.Time; });
-
-    *ok = true;
-    auto start = std::chrono::steady_clock::now();
-    for (const Step &step : steps) {
-        ReplayAdapter &adapter = *adapters[step.Adapter];
-        const CapturedFrame &frame = adapter.Frames[step.Frame];
-        if (frame.Bytes.size() < EthernetHeader || frame.Bytes.size() > LongestFrame) {
-            adapter.Skipped++;
-            continue;
+    mkdir(dir.c_str(), 0755);
+    for (auto &adapter : adapters) {
+        std::string stem = dir + "/" + (adapters.size() > 1 ? std::to_string(adapter->Id) + "-" : "") + adapter->Name;
+        std::string why;
+        if (!adapter->ToWire.Open(stem + "-to-wire.pcap", startSeconds, &why) ||
+            !adapter->ToProtocols.Open(stem + "-to-protocols.pcap", startSeconds, &why)) {
+            *error = "cannot write " + stem + "-to-*.pcap: " + why;
+            return false;
         }
-        bool own = adapter.IsOwnFrame(frame);
-        NTSTATUS status = own ? NdisHookSendFrame(adapter.Handle, frame.Bytes.data(), (ULONG)frame.Bytes.size(), nullptr)
-                              : NdisHookReceiveFrame(adapter.Handle, frame.Bytes.data(), (ULONG)frame.Bytes.size(),
-                                                     nullptr);
-        if (!NT_SUCCESS(status)) {
-            char text[96];
-            std::snprintf(text, sizeof(text), "frame %zu of %s refused by the hook driver, status 0x%08X",
-                          step.Frame + 1, adapter.Name.c_str(), (unsigned)status);
-            *error = text;
-            *ok = false;
-            break;
+        if (!NT_SUCCESS(NdisHookSetDeliverySink(adapter->Handle, WriteDelivered, adapter.get()))) {
+            *error = "the hook driver does not take the frames of " + adapter->Name + " as they come";
+            return false;
         }
-        (own ? adapter.Sent : adapter.Received)++;
     }
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return true;
 }
 
-void CollectDelivered(Adapters &adapters, int64_t startSeconds)
+void StopOutputs(Adapters &adapters, std::vector<std::pair<std::string, size_t>> *written,
+                 std::vector<std::string> *problems)
 {
     for (auto &adapter : adapters) {
-        for (ULONG direction : {(ULONG)FILTER_DIRECTION_TO_ADAPTER, (ULONG)FILTER_DIRECTION_TO_PROTOCOL}) {
-            std::vector<CapturedFrame> &out =
-                direction == FILTER_DIRECTION_TO_ADAPTER ? adapter->ToWire : adapter->ToProtocols;
-            out.clear();
-            for (std::vector<UCHAR> &bytes : ndishook::DeliveredFrames(adapter->Handle, direction)) {
-                CapturedFrame frame;
-                frame.Bytes = std::move(bytes);
-                out.push_back(std::move(frame));
-            }
-            StampFrames(&out, startSeconds);
+        if (adapter->Handle != nullptr)
+            NdisHookSetDeliverySink(adapter->Handle, nullptr, nullptr);
+        for (DeliveryOutput *output : {&adapter->ToWire, &adapter->ToProtocols}) {
+            if (output->Path().empty())
+                continue;
+            std::string error;
+            if (output->Close(&error))
+                written->emplace_back(output->Path(), output->Frames());
+            else
+                problems->push_back("cannot write " + output->Path() + ": " + error);
         }
     }
+}
+
+namespace {
+
+/* One capture being replayed: its reader and the frame it would hand out next. */
+struct ReplaySource {
+    CaptureReader Reader;
+    FrameView Head;
+    bool HaveHead = false;
+    size_t Index = 0; /* of Head in the capture, from 0 */
+};
+
+/* Hands one frame to the hook driver, waiting while its packet pool is empty; counts the waits. */
+NTSTATUS Indicate(ReplayAdapter &adapter, const FrameView &frame, bool own, ReplayResult *result)
+{
+    auto lastProgress = std::chrono::steady_clock::now();
+    bool waited = false;
+    for (;;) {
+        NTSTATUS status = own ? NdisHookSendFrame(adapter.Handle, frame.Bytes, (ULONG)frame.Length, nullptr)
+                              : NdisHookReceiveFrame(adapter.Handle, frame.Bytes, (ULONG)frame.Length, nullptr);
+        if (status != STATUS_INSUFFICIENT_RESOURCES)
+            return status;
+        if (!waited) {
+            result->Waits++;
+            waited = true;
+        }
+        /* As a protocol whose packets are all out: wait until one comes back. */
+        LONG out = NdisHookPacketsOutstanding();
+        unsigned spins = 0;
+        while (NdisHookPacketsOutstanding() >= out) {
+            auto now = std::chrono::steady_clock::now();
+            if (now - lastProgress > PoolPatience)
+                return status;
+            if (++spins < 64)
+                std::this_thread::yield();
+            else
+                std::this_thread::sleep_for(std::chrono::microseconds(50));
+        }
+        lastProgress = std::chrono::steady_clock::now();
+    }
+}
+
+} // namespace
+
+ReplayResult Replay(Adapters &adapters, bool progress)
+{
+    ReplayResult result;
+    std::vector<ReplaySource> sources(adapters.size());
+    unsigned long long total = 0;
+    for (size_t a = 0; a < adapters.size(); a++) {
+        std::string error;
+        if (!sources[a].Reader.Open(adapters[a]->CapturePath, &error)) {
+            result.Ok = false;
+            result.Error = "cannot read " + adapters[a]->CapturePath + ": " + error;
+            return result;
+        }
+        sources[a].HaveHead = sources[a].Reader.Next(&sources[a].Head);
+        total += adapters[a]->FrameCount;
+    }
+
+    auto start = std::chrono::steady_clock::now();
+    auto lastLine = start;
+    unsigned long long done = 0;
+    for (;; done++) {
+        size_t next = sources.size();
+        for (size_t a = 0; a < sources.size(); a++)
+            if (sources[a].HaveHead && (next == sources.size() || sources[a].Head.Time() < sources[next].Head.Time()))
+                next = a;
+        if (next == sources.size())
+            break;
+        ReplaySource &source = sources[next];
+        ReplayAdapter &adapter = *adapters[next];
+        const FrameView &frame = source.Head;
+        if (frame.Length < EthernetHeader || frame.Length > LongestFrame) {
+            adapter.Skipped++;
+        } else {
+            bool own = adapter.IsOwnFrame(frame.Bytes, frame.Length);
+            NTSTATUS status = Indicate(adapter, frame, own, &result);
+            if (!NT_SUCCESS(status)) {
+                char text[96];
+                std::snprintf(text, sizeof(text), "frame %zu of %s refused by the hook driver, status 0x%08X",
+                              source.Index + 1, adapter.Name.c_str(), (unsigned)status);
+                result.Error = text;
+                result.Ok = false;
+                break;
+            }
+            (own ? adapter.Sent : adapter.Received)++;
+            result.Frames++;
+        }
+        source.Index++;
+        source.HaveHead = source.Reader.Next(&source.Head);
+        if (!source.HaveHead && !source.Reader.Error().empty()) {
+            result.Error = "cannot read " + adapter.CapturePath + ": " + source.Reader.Error();
+            result.Ok = false;
+            break;
+        }
+        if (progress && (done & 1023) == 1023) {
+            auto now = std::chrono::steady_clock::now();
+            if (now - lastLine >= std::chrono::seconds(1)) {
+                double seconds = std::chrono::duration<double>(now - start).count();
+                std::fprintf(stderr, "replay: %llu of %llu frames, %.0f frames/s, %llu waits for packets\n", done + 1,
+                             total, (double)(done + 1) / seconds, result.Waits);
+                lastLine = now;
+            }
+        }
+    }
+    result.Seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return result;
 }
 
 void CloseAdapters(Adapters &adapters)

@@ -5,7 +5,13 @@
 
 namespace host {
 
-bool ReadCapture(const std::string &path, std::vector<CapturedFrame> *frames, std::string *error)
+CaptureReader::~CaptureReader()
+{
+    if (m_capture != nullptr)
+        pcap_close(static_cast<pcap_t *>(m_capture));
+}
+
+bool CaptureReader::Open(const std::string &path, std::string *error)
 {
     char text[PCAP_ERRBUF_SIZE] = "";
     pcap_t *capture = pcap_open_offline(path.c_str(), text);
@@ -18,23 +24,36 @@ bool ReadCapture(const std::string &path, std::vector<CapturedFrame> *frames, st
         pcap_close(capture);
         return false;
     }
-    struct pcap_pkthdr *header;
-    const u_char *data;
-    int result;
-    while ((result = pcap_next_ex(capture, &header, &data)) == 1) {
-        CapturedFrame frame;
-        frame.Bytes.assign(data, data + header->caplen);
-        frame.Seconds = header->ts.tv_sec;
-        frame.Microseconds = header->ts.tv_usec;
-        frames->push_back(std::move(frame));
-    }
-    if (result == PCAP_ERROR)
-        *error = pcap_geterr(capture);
-    pcap_close(capture);
-    return result != PCAP_ERROR;
+    m_capture = capture;
+    return true;
 }
 
-bool WriteCapture(const std::string &path, const std::vector<CapturedFrame> &frames, std::string *error)
+bool CaptureReader::Next(FrameView *frame)
+{
+    if (m_capture == nullptr)
+        return false;
+    struct pcap_pkthdr *header;
+    const u_char *data;
+    int result = pcap_next_ex(static_cast<pcap_t *>(m_capture), &header, &data);
+    if (result != 1) {
+        if (result == PCAP_ERROR)
+            m_error = pcap_geterr(static_cast<pcap_t *>(m_capture));
+        return false;
+    }
+    frame->Bytes = data;
+    frame->Length = header->caplen;
+    frame->Seconds = header->ts.tv_sec;
+    frame->Microseconds = header->ts.tv_usec;
+    return true;
+}
+
+CaptureWriter::~CaptureWriter()
+{
+    std::string ignored;
+    Close(&ignored);
+}
+
+bool CaptureWriter::Open(const std::string &path, std::string *error)
 {
     pcap_t *dead = pcap_open_dead(DLT_EN10MB, 65535);
     pcap_dumper_t *dumper = pcap_dump_open(dead, path.c_str());
@@ -43,19 +62,49 @@ bool WriteCapture(const std::string &path, const std::vector<CapturedFrame> &fra
         pcap_close(dead);
         return false;
     }
-    for (const CapturedFrame &frame : frames) {
-        struct pcap_pkthdr header = {};
-        header.ts.tv_sec = (time_t)frame.Seconds;
-        header.ts.tv_usec = (suseconds_t)frame.Microseconds;
-        header.caplen = header.len = (bpf_u_int32)frame.Bytes.size();
-        pcap_dump((u_char *)dumper, &header, frame.Bytes.data());
-    }
-    bool flushed = pcap_dump_flush(dumper) == 0;
-    pcap_dump_close(dumper);
-    pcap_close(dead);
+    m_dead = dead;
+    m_dumper = dumper;
+    m_frames = 0;
+    return true;
+}
+
+void CaptureWriter::Write(const unsigned char *bytes, size_t length, int64_t seconds, int64_t microseconds)
+{
+    if (m_dumper == nullptr)
+        return;
+    struct pcap_pkthdr header = {};
+    header.ts.tv_sec = (time_t)seconds;
+    header.ts.tv_usec = (suseconds_t)microseconds;
+    header.caplen = header.len = (bpf_u_int32)length;
+    pcap_dump(static_cast<u_char *>(m_dumper), &header, bytes);
+    m_frames++;
+}
+
+bool CaptureWriter::Close(std::string *error)
+{
+    if (m_dumper == nullptr)
+        return true;
+    bool flushed = pcap_dump_flush(static_cast<pcap_dumper_t *>(m_dumper)) == 0;
+    pcap_dump_close(static_cast<pcap_dumper_t *>(m_dumper));
+    pcap_close(static_cast<pcap_t *>(m_dead));
+    m_dumper = m_dead = nullptr;
     if (!flushed)
-        *error = "cannot write " + path;
+        *error = "cannot write the capture";
     return flushed;
+}
+
+bool WriteCapture(const std::string &path, const std::vector<CapturedFrame> &frames, std::string *error)
+{
+    CaptureWriter writer;
+    if (!writer.Open(path, error))
+        return false;
+    for (const CapturedFrame &frame : frames)
+        writer.Write(frame.Bytes.data(), frame.Bytes.size(), frame.Seconds, frame.Microseconds);
+    if (!writer.Close(error)) {
+        *error = "cannot write " + path;
+        return false;
+    }
+    return true;
 }
 
 void StampFrames(std::vector<CapturedFrame> *frames, int64_t startSeconds)

@@ -89,8 +89,8 @@ std::vector<std::pair<std::string, size_t>> CaptureLogs::Files(const Adapters &a
     std::vector<std::pair<std::string, size_t>> expected;
     for (const auto &adapter : adapters) {
         std::string stem = m_directory + "/Adapter(" + MacText(adapter->Mac) + ")";
-        expected.emplace_back(stem + "NdisUpper.eth", adapter->Sent + adapter->ToProtocols.size());
-        expected.emplace_back(stem + "NdisLower.eth", adapter->Received + adapter->ToWire.size());
+        expected.emplace_back(stem + "NdisUpper.eth", adapter->Sent + adapter->ToProtocols.Frames());
+        expected.emplace_back(stem + "NdisLower.eth", adapter->Received + adapter->ToWire.Frames());
         expected.emplace_back(stem + "NdisInject.eth", 0);
     }
     expected.emplace_back(m_directory + "/Application-to-Driver-Io.eth",
@@ -99,23 +99,31 @@ std::vector<std::pair<std::string, size_t>> CaptureLogs::Files(const Adapters &a
 
     std::vector<std::pair<std::string, size_t>> files;
     for (const auto &file : expected) {
-        std::vector<CapturedFrame> frames;
+        CaptureReader reader;
         std::string error;
-        if (!ReadCapture(file.first, &frames, &error)) {
+        if (!reader.Open(file.first, &error)) {
             problems->push_back("capture log " + file.first + ": " + error);
             continue;
         }
-        if (frames.size() != file.second)
-            problems->push_back("capture log " + file.first + " holds " + std::to_string(frames.size()) +
-                                " frames, the run says " + std::to_string(file.second));
-        for (size_t i = 0; i < frames.size(); i++) {
-            int64_t at = frames[i].Seconds * 1000000 + frames[i].Microseconds;
-            if (at < m_started || at > m_stopped) {
-                problems->push_back("capture log " + file.first + ": frame " + std::to_string(i + 1) +
+        size_t frames = 0;
+        bool outside = false;
+        FrameView frame;
+        while (reader.Next(&frame)) {
+            int64_t at = frame.Time();
+            if (!outside && (at < m_started || at > m_stopped)) {
+                problems->push_back("capture log " + file.first + ": frame " + std::to_string(frames + 1) +
                                     " is stamped outside the capture");
-                break;
+                outside = true;
             }
+            frames++;
         }
+        if (!reader.Error().empty()) {
+            problems->push_back("capture log " + file.first + ": " + reader.Error());
+            continue;
+        }
+        if (frames != file.second)
+            problems->push_back("capture log " + file.first + " holds " + std::to_string(frames) +
+                                " frames, the run says " + std::to_string(file.second));
         files.push_back(file);
     }
     return files;

@@ -77,32 +77,20 @@ ULONG64 SendFromApplication(const host::Options &options, Adapters &adapters, ho
     ULONG64 toProtocols = 0;
     std::string error;
     for (auto &adapter : adapters) {
-        unsigned sent = 0;
-        for (const host::CapturedFrame &frame : adapter->Frames) {
-            if (sent == options.AppSend)
-                break;
-            if (adapter->IsOwnFrame(frame) || frame.Bytes.size() > SHARED_BLOCK_FRAME_SIZE || frame.Bytes.empty())
-                continue;
-            if (!application.Send(adapter->Id, FILTER_DIRECTION_TO_PROTOCOL, frame.Bytes, &error)) {
+        for (const std::vector<UCHAR> &frame : host::FirstFrames(*adapter, options.AppSend, SHARED_BLOCK_FRAME_SIZE, true)) {
+            if (!application.Send(adapter->Id, FILTER_DIRECTION_TO_PROTOCOL, frame, &error)) {
                 report->Problems.push_back(error);
                 return toProtocols;
             }
-            sent++;
             toProtocols++;
         }
     }
     const host::ReplayAdapter &first = *adapters.front();
-    unsigned looped = 0;
-    for (const host::CapturedFrame &frame : first.Frames) {
-        if (looped == options.AppLoopback)
-            break;
-        if (frame.Bytes.size() > SHARED_BLOCK_FRAME_SIZE || frame.Bytes.empty())
-            continue;
-        if (!application.Send(first.Id, FILTER_DIRECTION_TO_APPLICATION, frame.Bytes, &error)) {
+    for (const std::vector<UCHAR> &frame : host::FirstFrames(first, options.AppLoopback, SHARED_BLOCK_FRAME_SIZE, false)) {
+        if (!application.Send(first.Id, FILTER_DIRECTION_TO_APPLICATION, frame, &error)) {
             report->Problems.push_back(error);
             break;
         }
-        looped++;
     }
     return toProtocols;
 }
@@ -129,6 +117,12 @@ void RunTraffic(const host::Options &options, host::DriverStack &drivers, Adapte
         return;
     }
 
+    /* What the adapters deliver is written as it comes, from now on. */
+    const int64_t outputStart = (int64_t)std::time(nullptr);
+    bool outputs = host::StartOutputs(adapters, options.OutputDir, outputStart, &error);
+    if (!outputs)
+        report->Problems.push_back(error);
+
     /* The framework's capture logs record the whole run, the application's frames included. */
     host::CaptureLogs logs;
     bool logging = logs.Prepare(options.CaptureLogDir, &error) && logs.Start(&error);
@@ -142,10 +136,11 @@ void RunTraffic(const host::Options &options, host::DriverStack &drivers, Adapte
     else
         report->ApplicationFramesToProtocols = SendFromApplication(options, adapters, application, report);
 
-    bool replayed = false;
-    report->ReplaySeconds = host::Replay(adapters, &replayed, &error);
-    if (!replayed)
-        report->Problems.push_back(error);
+    host::ReplayResult replay = host::Replay(adapters, !options.Quiet);
+    report->ReplaySeconds = replay.Seconds;
+    report->ReplayWaits = replay.Waits;
+    if (!replay.Ok)
+        report->Problems.push_back(replay.Error);
 
     auto drainStart = std::chrono::steady_clock::now();
     report->Drained = WaitUntilDrained(application);
@@ -194,17 +189,11 @@ void RunTraffic(const host::Options &options, host::DriverStack &drivers, Adapte
                 report->Problems.push_back("ndisfilterctl " + answer.Command + " failed: " + answer.Output);
     }
 
-    const int64_t now = (int64_t)std::time(nullptr);
-    host::CollectDelivered(adapters, now);
+    host::StopOutputs(adapters, &report->Captures, &report->Problems);
     mkdir(options.OutputDir.c_str(), 0755);
-    for (auto &adapter : adapters) {
-        std::string stem = adapters.size() > 1 ? std::to_string(adapter->Id) + "-" + adapter->Name : adapter->Name;
-        WriteOutput(options.OutputDir, stem + "-to-wire", adapter->ToWire, report);
-        WriteOutput(options.OutputDir, stem + "-to-protocols", adapter->ToProtocols, report);
-    }
     if (report->ApplicationStarted) {
         std::vector<host::CapturedFrame> frames = application.Frames();
-        host::StampFrames(&frames, now);
+        host::StampFrames(&frames, outputStart);
         WriteOutput(options.OutputDir, "to-application", frames, report);
     }
     if (logging) {

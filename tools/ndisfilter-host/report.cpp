@@ -47,8 +47,8 @@ void CheckAccounting(RunReport *report)
     for (const auto &adapter : *report->ReplayAdapters) {
         received += adapter->Received;
         sent += adapter->Sent;
-        toProtocols += adapter->ToProtocols.size();
-        toWire += adapter->ToWire.size();
+        toProtocols += adapter->ToProtocols.Frames();
+        toWire += adapter->ToWire.Frames();
     }
     if (!report->Examples) {
         /* Only named drivers: what they do to frames is theirs to say; the loop-backs still hold. */
@@ -81,9 +81,9 @@ void CheckAccounting(RunReport *report)
             continue;
         }
         std::string name = "monitor: adapter " + std::to_string(adapter->Id);
-        Balance(report, (name + ", frames sent on the wire").c_str(), adapter->ToWire.size(),
+        Balance(report, (name + ", frames sent on the wire").c_str(), adapter->ToWire.Frames(),
                 seen->Answers[EXAMPLE_MONITOR_XMIT_OK]);
-        Balance(report, (name + ", frames received").c_str(), adapter->ToProtocols.size(),
+        Balance(report, (name + ", frames received").c_str(), adapter->ToProtocols.Frames(),
                 seen->Answers[EXAMPLE_MONITOR_RCV_OK]);
         if (seen->Failed != 0)
             report->Problems.push_back(name + ": NDIS requests failed");
@@ -107,10 +107,10 @@ void PrintTraffic(const RunReport &report)
         const ReplayAdapter &a = *adapter;
         frames += a.Sent + a.Received;
         std::printf("adapter %u %s (%s): %zu frames, %u sent by its protocols, %u received, %u skipped\n",
-                    (unsigned)a.Id, MacText(a.Mac).c_str(), a.CapturePath.c_str(), a.Frames.size(), (unsigned)a.Sent,
+                    (unsigned)a.Id, MacText(a.Mac).c_str(), a.CapturePath.c_str(), a.FrameCount, (unsigned)a.Sent,
                     (unsigned)a.Received, (unsigned)a.Skipped);
-        std::printf("  out of the framework: %zu to the wire, %zu to the protocols\n", a.ToWire.size(),
-                    a.ToProtocols.size());
+        std::printf("  out of the framework: %zu to the wire, %zu to the protocols\n", a.ToWire.Frames(),
+                    a.ToProtocols.Frames());
         if (a.IpConfig.m_nIP != 0)
             std::printf("  IP configuration: %s mask %s, router %s\n", IpText(a.IpConfig.m_IP[0].IpAddress).c_str(),
                         IpText(a.IpConfig.m_IP[0].Netmask).c_str(), IpText(a.IpConfig.RouterAddr[0]).c_str());
@@ -119,6 +119,7 @@ void PrintTraffic(const RunReport &report)
     std::printf("replay: %llu frames in %.1f ms (%.0f frames/s); queues and rings %s after %.1f ms more\n", frames,
                 report.ReplaySeconds * 1000.0, rate, report.Drained ? "drained" : "NOT drained",
                 report.DrainSeconds * 1000.0);
+    std::printf("replay: waited %llu times for the hook driver's packets to come back\n", report.ReplayWaits);
 
     if (report.HaveCounters) {
         const ClientCounters &c = report.Counters;

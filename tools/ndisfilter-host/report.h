@@ -26,6 +26,7 @@ struct RunReport {
     ApplicationSide::Statistics Application;
     ULONG64 ApplicationFramesToProtocols = 0; /* of Application.SentToProtocols, per the run's plan */
     double ReplaySeconds = 0;
+    unsigned long long ReplayWaits = 0; /* frames that waited for the hook driver's packets to come back */
     double DrainSeconds = 0;
     bool Drained = false;
     std::vector<std::string> Accounting;                  /* the balance lines */
