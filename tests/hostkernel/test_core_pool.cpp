@@ -6,6 +6,9 @@
 
 #include <string.h>
 
+#include <thread>
+#include <vector>
+
 #include "../../hostkernel/src/internal.h" // MapSecondView / UnmapSecondView
 
 namespace {
@@ -69,6 +72,28 @@ TEST_F(PoolTest, DoubleFreeIsReportedAndDoesNotReachTheHostAllocator)
     ExFreePool(p);
     hktest::ExpectVerifierFinding finding("double free");
     ExFreePool(p);
+}
+
+TEST_F(PoolTest, BlocksCrossingThreadsAreCountedOnceAndTheirDoubleFreesFound)
+{
+    const ULONG before = HkPoolLiveAllocationCountWithTag(kTag);
+    std::vector<void *> blocks;
+    // Allocated by a thread that ends before they are freed: its counts outlive it.
+    std::thread([&blocks] {
+        for (int i = 0; i < 3000; ++i)
+            blocks.push_back(ExAllocatePoolWithTag(NonPagedPool, 1 + i % 3000, kTag));
+    }).join();
+    EXPECT_EQ(before + 3000, HkPoolLiveAllocationCountWithTag(kTag));
+    void *freedElsewhere = blocks.back();
+    blocks.pop_back();
+    std::thread([freedElsewhere] { ExFreePoolWithTag(freedElsewhere, kTag); }).join();
+    {
+        hktest::ExpectVerifierFinding finding("double free");
+        ExFreePool(freedElsewhere);
+    }
+    for (void *p : blocks)
+        ExFreePoolWithTag(p, kTag);
+    EXPECT_EQ(before, HkPoolLiveAllocationCountWithTag(kTag));
 }
 
 TEST_F(PoolTest, FreeOfMemoryThatIsNotAPoolBlockIsReported)
