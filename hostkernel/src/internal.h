@@ -22,6 +22,9 @@ void RequireIrqlAtMost(KIRQL maxIrql, const char *api);
 // either mapping are seen through the other. Returns the address in the second mapping
 // that corresponds to `address`, or nullptr. (pool area)
 void *MapSecondView(const void *address, size_t length);
+// Whether `block` is the address of a live pool block allocated with `tag`; reads nothing
+// at `block` when it is not a pool block. (pool area)
+bool IsLivePoolBlock(const void *block, ULONG tag);
 void UnmapSecondView(void *viewAddress, size_t length);
 
 } // namespace hk

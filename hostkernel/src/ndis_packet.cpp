@@ -3,54 +3,82 @@
 //
 // Pools, packets and buffer descriptors are pool blocks of their own tags
 // (hk/ndis_packet.h), so anything never freed appears in the pool leak
-// report. A side table records which of them are live: every free is checked
-// against it before memory is touched, so a double free or a foreign pointer
-// is a verifier finding, never a crash.
+// report. Every packet and descriptor has a hidden header in front of it (a
+// state word and its pool); a handle or a pointer is checked against the
+// runtime's pool before anything in it is read, so a double free or a foreign
+// pointer is a verifier finding, never a crash, and the packet path takes no
+// lock. A pool lives until its owner freed it and its last packet or
+// descriptor came back.
 #include "internal.h"
 
-#include <mutex>
-#include <unordered_map>
-#include <unordered_set>
+#include <stdint.h>
 
 namespace hk {
 namespace {
 
 constexpr ULONG kPacketPoolSignature = 0x6C6F6F50;  // "Pool"
 constexpr ULONG kBufferPoolSignature = 0x6C6F6F42;  // "Bool"
+constexpr ULONG kLivePacket = 0x74656B50;           // "Pket"
+constexpr ULONG kLiveBuffer = 0x66667542;           // "Buff"
 constexpr UINT kPacketHeaderBytes = FIELD_OFFSET(NDIS_PACKET, ProtocolReserved);
 constexpr UINT kOobAlignment = 8;
 
 // A packet pool handle points at one of these (a pool block tagged 'NDpp').
 struct PacketPool {
-    ULONG signature;
-    UINT capacity;       // descriptors plus overflow descriptors
-    UINT oobOffset;      // where each packet's out-of-band data starts
-    UINT packetBytes;    // whole allocation of one packet
-    UINT inUse;          // guarded by the tracker's lock
+    ULONG signature;  // 0 once its owner freed it
+    UINT capacity;    // descriptors plus overflow descriptors
+    UINT oobOffset;   // where each packet's out-of-band data starts
+    UINT packetBytes; // whole allocation of one packet
+    UINT inUse;       // atomic
+    UINT refs;        // atomic: the owner's and one per packet out
 };
 
 // A buffer pool handle points at one of these (a pool block tagged 'NDbp').
 struct BufferPool {
-    ULONG signature;
+    ULONG signature; // 0 once its owner freed it
     UINT descriptors; // advisory, as on Windows
-    UINT inUse;       // guarded by the tracker's lock
+    UINT inUse;       // atomic
+    UINT refs;        // atomic: the owner's and one per descriptor out
 };
 
-// Live pools, packets and buffers. A packet or buffer maps to its pool, or to
-// nullptr once its pool was freed under it.
-struct Tracker {
-    std::mutex lock;
-    std::unordered_set<PacketPool *> packetPools;
-    std::unordered_map<PNDIS_PACKET, PacketPool *> packets;
-    std::unordered_set<BufferPool *> bufferPools;
-    std::unordered_map<PNDIS_BUFFER, BufferPool *> buffers;
+// In front of each packet and descriptor; 16 bytes keep what follows aligned.
+struct alignas(16) Hidden {
+    ULONG state; // kLivePacket / kLiveBuffer while out, 0 once freed
+    void *pool;  // PacketPool / BufferPool, or nullptr
 };
+static_assert(sizeof(Hidden) == 16, "hidden header");
 
-// Never destroyed: drivers may free packets from threads still running at exit.
-Tracker &Live()
+Hidden *HiddenOf(const void *item)
 {
-    static Tracker *tracker = new Tracker;
-    return *tracker;
+    return reinterpret_cast<Hidden *>(reinterpret_cast<uintptr_t>(item) - sizeof(Hidden));
+}
+
+// Whether `handle` is a pool its owner has not freed.
+template <typename Pool>
+bool LivePool(Pool *pool, ULONG tag, ULONG signature)
+{
+    return pool != nullptr && IsLivePoolBlock(pool, tag) &&
+           __atomic_load_n(&pool->signature, __ATOMIC_ACQUIRE) == signature;
+}
+
+// Drops one reference of a pool; the last one frees it.
+template <typename Pool>
+void DropPool(Pool *pool, ULONG tag)
+{
+    if (pool != nullptr && __atomic_sub_fetch(&pool->refs, 1, __ATOMIC_ACQ_REL) == 0)
+        ExFreePoolWithTag(pool, tag);
+}
+
+// Takes an item (packet or descriptor) back: false when it is not one that is out.
+bool TakeItem(const void *item, ULONG tag, ULONG live, void **pool)
+{
+    if (item == nullptr)
+        return false;
+    Hidden *hidden = HiddenOf(item);
+    if (!IsLivePoolBlock(hidden, tag) || __atomic_exchange_n(&hidden->state, 0u, __ATOMIC_ACQ_REL) != live)
+        return false;
+    *pool = hidden->pool;
+    return true;
 }
 
 // Offset of the out-of-band data behind ProtocolReservedLength reserved bytes.
@@ -90,11 +118,7 @@ void CreatePacketPool(PNDIS_STATUS status, PNDIS_HANDLE poolHandle, UINT descrip
     pool->oobOffset = oobOffset;
     pool->packetBytes = NdisPacketSize(protocolReservedLength);
     pool->inUse = 0;
-    {
-        Tracker &live = Live();
-        std::lock_guard<std::mutex> guard(live.lock);
-        live.packetPools.insert(pool);
-    }
+    pool->refs = 1;
     *poolHandle = pool;
     *status = NDIS_STATUS_SUCCESS;
 }
@@ -108,25 +132,29 @@ void AllocatePacketFrom(PNDIS_STATUS status, PNDIS_PACKET *packet, NDIS_HANDLE p
     *packet = nullptr;
     *status = NDIS_STATUS_RESOURCES;
     auto *pool = static_cast<PacketPool *>(poolHandle);
-    Tracker &live = Live();
-    std::lock_guard<std::mutex> guard(live.lock);
-    if (live.packetPools.count(pool) == 0) {
+    if (!LivePool(pool, HK_NDIS_PACKET_POOL_TAG, kPacketPoolSignature)) {
         VerifierError("%s(%p): not a packet pool handle (freed already?)", api, poolHandle);
         return;
     }
-    if (pool->inUse >= pool->capacity)
+    if (__atomic_add_fetch(&pool->inUse, 1, __ATOMIC_RELAXED) > pool->capacity) {
+        __atomic_sub_fetch(&pool->inUse, 1, __ATOMIC_RELAXED);
         return;
-    auto *allocated = static_cast<PNDIS_PACKET>(
-        ExAllocatePoolWithTag(NonPagedPool, pool->packetBytes, HK_NDIS_PACKET_TAG));
-    if (allocated == nullptr)
+    }
+    auto *hidden = static_cast<Hidden *>(
+        ExAllocatePoolWithTag(NonPagedPool, sizeof(Hidden) + pool->packetBytes, HK_NDIS_PACKET_TAG));
+    if (hidden == nullptr) {
+        __atomic_sub_fetch(&pool->inUse, 1, __ATOMIC_RELAXED);
         return;
+    }
+    __atomic_add_fetch(&pool->refs, 1, __ATOMIC_RELAXED);
+    hidden->pool = pool;
+    auto *allocated = reinterpret_cast<PNDIS_PACKET>(hidden + 1);
     RtlZeroMemory(allocated, pool->packetBytes);
     allocated->Private.Pool = pool;
     allocated->Private.NdisPacketFlags = fPACKET_ALLOCATED_BY_NDIS;
     allocated->Private.NdisPacketOobOffset = static_cast<USHORT>(pool->oobOffset);
     NDIS_SET_PACKET_STATUS(allocated, NDIS_STATUS_SUCCESS);
-    live.packets.emplace(allocated, pool);
-    pool->inUse++;
+    __atomic_store_n(&hidden->state, kLivePacket, __ATOMIC_RELEASE);
     *packet = allocated;
     *status = NDIS_STATUS_SUCCESS;
 }
@@ -134,20 +162,16 @@ void AllocatePacketFrom(PNDIS_STATUS status, PNDIS_PACKET *packet, NDIS_HANDLE p
 // Returns a packet to its pool for NdisFreePacket / NdisDprFreePacket.
 void FreePacket(PNDIS_PACKET packet, const char *api)
 {
-    {
-        Tracker &live = Live();
-        std::lock_guard<std::mutex> guard(live.lock);
-        auto found = live.packets.find(packet);
-        if (found == live.packets.end()) {
-            VerifierError("%s(%p): not a packet from NdisAllocatePacket (freed twice?)", api,
-                          static_cast<void *>(packet));
-            return;
-        }
-        if (found->second != nullptr)
-            found->second->inUse--;
-        live.packets.erase(found);
+    void *owner = nullptr;
+    if (!TakeItem(packet, HK_NDIS_PACKET_TAG, kLivePacket, &owner)) {
+        VerifierError("%s(%p): not a packet from NdisAllocatePacket (freed twice?)", api,
+                      static_cast<void *>(packet));
+        return;
     }
-    ExFreePoolWithTag(packet, HK_NDIS_PACKET_TAG);
+    auto *pool = static_cast<PacketPool *>(owner);
+    __atomic_sub_fetch(&pool->inUse, 1, __ATOMIC_RELAXED);
+    ExFreePoolWithTag(HiddenOf(packet), HK_NDIS_PACKET_TAG);
+    DropPool(pool, HK_NDIS_PACKET_POOL_TAG);
 }
 
 // Reports a routine that must run at exactly DISPATCH_LEVEL called elsewhere.
@@ -191,24 +215,15 @@ VOID NTAPI NdisFreePacketPool(NDIS_HANDLE PoolHandle)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "NdisFreePacketPool");
     auto *pool = static_cast<PacketPool *>(PoolHandle);
-    {
-        Tracker &live = Live();
-        std::lock_guard<std::mutex> guard(live.lock);
-        if (live.packetPools.erase(pool) == 0) {
-            VerifierError("NdisFreePacketPool(%p): not a packet pool handle (freed twice?)",
-                          PoolHandle);
-            return;
-        }
-        if (pool->inUse > 0) {
-            VerifierError("NdisFreePacketPool(%p): %u packet(s) of the pool were not freed",
-                          PoolHandle, pool->inUse);
-            for (auto &entry : live.packets)
-                if (entry.second == pool)
-                    entry.second = nullptr;
-        }
+    if (pool == nullptr || !IsLivePoolBlock(pool, HK_NDIS_PACKET_POOL_TAG) ||
+        __atomic_exchange_n(&pool->signature, 0u, __ATOMIC_ACQ_REL) != kPacketPoolSignature) {
+        VerifierError("NdisFreePacketPool(%p): not a packet pool handle (freed twice?)", PoolHandle);
+        return;
     }
-    pool->signature = 0;
-    ExFreePoolWithTag(pool, HK_NDIS_PACKET_POOL_TAG);
+    UINT inUse = __atomic_load_n(&pool->inUse, __ATOMIC_RELAXED);
+    if (inUse > 0)
+        VerifierError("NdisFreePacketPool(%p): %u packet(s) of the pool were not freed", PoolHandle, inUse);
+    DropPool(pool, HK_NDIS_PACKET_POOL_TAG);
 }
 
 // Packets of the pool currently allocated (0 for an unknown handle, which is
@@ -216,13 +231,11 @@ VOID NTAPI NdisFreePacketPool(NDIS_HANDLE PoolHandle)
 UINT NTAPI NdisPacketPoolUsage(NDIS_HANDLE PoolHandle)
 {
     auto *pool = static_cast<PacketPool *>(PoolHandle);
-    Tracker &live = Live();
-    std::lock_guard<std::mutex> guard(live.lock);
-    if (live.packetPools.count(pool) == 0) {
+    if (!LivePool(pool, HK_NDIS_PACKET_POOL_TAG, kPacketPoolSignature)) {
         VerifierError("NdisPacketPoolUsage(%p): not a packet pool handle", PoolHandle);
         return 0;
     }
-    return pool->inUse;
+    return __atomic_load_n(&pool->inUse, __ATOMIC_RELAXED);
 }
 
 // Bytes of one descriptor: header, reserved bytes, out-of-band data and
@@ -288,11 +301,7 @@ VOID NTAPI NdisAllocateBufferPool(PNDIS_STATUS Status, PNDIS_HANDLE PoolHandle,
     pool->signature = kBufferPoolSignature;
     pool->descriptors = NumberOfDescriptors;
     pool->inUse = 0;
-    {
-        Tracker &live = Live();
-        std::lock_guard<std::mutex> guard(live.lock);
-        live.bufferPools.insert(pool);
-    }
+    pool->refs = 1;
     *PoolHandle = pool;
     *Status = NDIS_STATUS_SUCCESS;
 }
@@ -303,24 +312,15 @@ VOID NTAPI NdisFreeBufferPool(NDIS_HANDLE PoolHandle)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "NdisFreeBufferPool");
     auto *pool = static_cast<BufferPool *>(PoolHandle);
-    {
-        Tracker &live = Live();
-        std::lock_guard<std::mutex> guard(live.lock);
-        if (live.bufferPools.erase(pool) == 0) {
-            VerifierError("NdisFreeBufferPool(%p): not a buffer pool handle (freed twice?)",
-                          PoolHandle);
-            return;
-        }
-        if (pool->inUse > 0) {
-            VerifierError("NdisFreeBufferPool(%p): %u buffer(s) of the pool were not freed",
-                          PoolHandle, pool->inUse);
-            for (auto &entry : live.buffers)
-                if (entry.second == pool)
-                    entry.second = nullptr;
-        }
+    if (pool == nullptr || !IsLivePoolBlock(pool, HK_NDIS_BUFFER_POOL_TAG) ||
+        __atomic_exchange_n(&pool->signature, 0u, __ATOMIC_ACQ_REL) != kBufferPoolSignature) {
+        VerifierError("NdisFreeBufferPool(%p): not a buffer pool handle (freed twice?)", PoolHandle);
+        return;
     }
-    pool->signature = 0;
-    ExFreePoolWithTag(pool, HK_NDIS_BUFFER_POOL_TAG);
+    UINT inUse = __atomic_load_n(&pool->inUse, __ATOMIC_RELAXED);
+    if (inUse > 0)
+        VerifierError("NdisFreeBufferPool(%p): %u buffer(s) of the pool were not freed", PoolHandle, inUse);
+    DropPool(pool, HK_NDIS_BUFFER_POOL_TAG);
 }
 
 // An MDL built for non-paged memory over [VirtualAddress, +Length).
@@ -337,21 +337,23 @@ VOID NTAPI NdisAllocateBuffer(PNDIS_STATUS Status, PNDIS_BUFFER *Buffer, NDIS_HA
     SIZE_T size = MmSizeOfMdl(VirtualAddress, Length);
     if (size > 0x7FFF)
         return; // an MDL's Size is a CSHORT, as on Windows
-    Tracker &live = Live();
-    std::lock_guard<std::mutex> guard(live.lock);
-    if (pool != nullptr && live.bufferPools.count(pool) == 0) {
+    if (pool != nullptr && !LivePool(pool, HK_NDIS_BUFFER_POOL_TAG, kBufferPoolSignature)) {
         VerifierError("NdisAllocateBuffer: %p is not a buffer pool handle (freed already?)",
                       PoolHandle);
         return;
     }
-    auto *mdl = static_cast<PNDIS_BUFFER>(ExAllocatePoolWithTag(NonPagedPool, size, HK_NDIS_BUFFER_TAG));
-    if (mdl == nullptr)
+    auto *hidden = static_cast<Hidden *>(ExAllocatePoolWithTag(NonPagedPool, sizeof(Hidden) + size, HK_NDIS_BUFFER_TAG));
+    if (hidden == nullptr)
         return;
+    auto *mdl = reinterpret_cast<PNDIS_BUFFER>(hidden + 1);
     MmInitializeMdl(mdl, VirtualAddress, Length);
     MmBuildMdlForNonPagedPool(mdl);
-    live.buffers.emplace(mdl, pool);
-    if (pool != nullptr)
-        pool->inUse++;
+    hidden->pool = pool;
+    if (pool != nullptr) {
+        __atomic_add_fetch(&pool->inUse, 1, __ATOMIC_RELAXED);
+        __atomic_add_fetch(&pool->refs, 1, __ATOMIC_RELAXED);
+    }
+    __atomic_store_n(&hidden->state, kLiveBuffer, __ATOMIC_RELEASE);
     *Buffer = mdl;
     *Status = NDIS_STATUS_SUCCESS;
 }
@@ -360,20 +362,17 @@ VOID NTAPI NdisAllocateBuffer(PNDIS_STATUS Status, PNDIS_BUFFER *Buffer, NDIS_HA
 VOID NTAPI NdisFreeBuffer(PNDIS_BUFFER Buffer)
 {
     RequireIrqlAtMost(DISPATCH_LEVEL, "NdisFreeBuffer");
-    {
-        Tracker &live = Live();
-        std::lock_guard<std::mutex> guard(live.lock);
-        auto found = live.buffers.find(Buffer);
-        if (found == live.buffers.end()) {
-            VerifierError("NdisFreeBuffer(%p): not a buffer from NdisAllocateBuffer (freed "
-                          "twice?)", static_cast<void *>(Buffer));
-            return;
-        }
-        if (found->second != nullptr)
-            found->second->inUse--;
-        live.buffers.erase(found);
+    void *owner = nullptr;
+    if (!TakeItem(Buffer, HK_NDIS_BUFFER_TAG, kLiveBuffer, &owner)) {
+        VerifierError("NdisFreeBuffer(%p): not a buffer from NdisAllocateBuffer (freed "
+                      "twice?)", static_cast<void *>(Buffer));
+        return;
     }
-    ExFreePoolWithTag(Buffer, HK_NDIS_BUFFER_TAG);
+    auto *pool = static_cast<BufferPool *>(owner);
+    if (pool != nullptr)
+        __atomic_sub_fetch(&pool->inUse, 1, __ATOMIC_RELAXED);
+    ExFreePoolWithTag(HiddenOf(Buffer), HK_NDIS_BUFFER_TAG);
+    DropPool(pool, HK_NDIS_BUFFER_POOL_TAG);
 }
 
 // ---- buffer chains ----

@@ -228,6 +228,19 @@ VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
 
 namespace hk {
 
+/* Whether `block` is a live pool block of `tag`: lock-free for small blocks. */
+bool IsLivePoolBlock(const void *block, ULONG tag)
+{
+    ULONG found = 0;
+    int small = core::SmallPoolBlockState(block, &found);
+    if (small >= 0)
+        return small == 1 && found == tag;
+    PoolState &state = State();
+    std::lock_guard<std::mutex> lock(state.mutex);
+    auto live = state.live.find(reinterpret_cast<uintptr_t>(block));
+    return live != state.live.end() && live->second.tag == tag;
+}
+
 /* A second mapping of the pages under [address, address + length) of a live page-backed
  * block; returns the address corresponding to `address`, or nullptr. */
 void *MapSecondView(const void *address, size_t length)

@@ -426,6 +426,18 @@ bool SmallPoolFree(void *p, bool checkTag, ULONG tag, const char *api)
     return true;
 }
 
+int SmallPoolBlockState(const void *p, ULONG *tag)
+{
+    Arena *arena = ArenaOf(p);
+    if (arena == nullptr)
+        return -1;
+    SlotHeader *header = SlotAt(arena, p);
+    if (header == nullptr || header->state.load(std::memory_order_acquire) != kLive)
+        return 0;
+    *tag = header->tag;
+    return 1;
+}
+
 void SmallPoolLiveByTag(std::map<ULONG, PoolTagTotals> *totals)
 {
     Global &state = State();

@@ -27,6 +27,10 @@ void *SmallPoolAllocate(POOL_TYPE type, size_t size, ULONG tag);
 // `p` is not small-block memory at all.
 bool SmallPoolFree(void *p, bool checkTag, ULONG tag, const char *api);
 
+// -1 when `p` is not small-block memory; else 1 when it is the address of a live block
+// (its tag in *tag) and 0 when not. Reads nothing `p` points to unless it is a block.
+int SmallPoolBlockState(const void *p, ULONG *tag);
+
 // Adds the live small blocks by tag to `totals`.
 void SmallPoolLiveByTag(std::map<ULONG, PoolTagTotals> *totals);
 
