@@ -500,7 +500,7 @@ LONG NhPacketsOutstanding(VOID)
 {
     LONG count = 0;
     for (ULONG i = 0; i < NH_MAX_PROCESSORS; i++)
-        count += InterlockedCompareExchange(&g_Hook.m_Processors[i].m_nOutstanding, 0, 0);
+        count += g_Hook.m_Processors[i].m_nOutstanding; /* volatile: a plain read of each */
     return count;
 }
 

@@ -21,6 +21,10 @@ const size_t LongestFrame = 1518;
 const size_t MaxAddressesCounted = 65536;
 /* How long the replay waits for the hook driver's packets to come back. */
 const auto PoolPatience = std::chrono::seconds(10);
+/* Packets out of the hook driver beyond which the replay waits before the next frame, as a
+ * protocol with a bounded window would: the framework's capture logs hold a clone of every
+ * frame until their writer threads wrote it, and clone no more past its pending-packet limit. */
+const LONG MostOutstanding = 1024;
 
 /* "host-a" for ".../host-a.pcap". */
 std::string FileStem(const std::string &path)
@@ -290,11 +294,39 @@ struct ReplaySource {
     size_t Index = 0; /* of Head in the capture, from 0 */
 };
 
-/* Hands one frame to the hook driver, waiting while its packet pool is empty; counts the waits. */
-NTSTATUS Indicate(ReplayAdapter &adapter, const FrameView &frame, bool own, ReplayResult *result)
+/* Waits until fewer than `limit` packets are out of the hook driver; FALSE after PoolPatience
+ * without one coming back. */
+bool WaitForPackets(LONG limit)
 {
     auto lastProgress = std::chrono::steady_clock::now();
+    LONG out = NdisHookPacketsOutstanding();
+    unsigned spins = 0;
+    while (out >= limit) {
+        if (std::chrono::steady_clock::now() - lastProgress > PoolPatience)
+            return false;
+        if (++spins < 64)
+            std::this_thread::yield();
+        else
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
+        LONG now = NdisHookPacketsOutstanding();
+        if (now < out)
+            lastProgress = std::chrono::steady_clock::now();
+        out = now;
+    }
+    return true;
+}
+
+/* Hands one frame to the hook driver, waiting while its packet pool is empty or too many of
+ * its packets are out; counts the frames that waited. */
+NTSTATUS Indicate(ReplayAdapter &adapter, const FrameView &frame, bool own, ReplayResult *result)
+{
     bool waited = false;
+    if ((result->Frames & 15) == 0 && NdisHookPacketsOutstanding() >= MostOutstanding) {
+        result->Waits++;
+        waited = true;
+        if (!WaitForPackets(MostOutstanding / 2))
+            return STATUS_INSUFFICIENT_RESOURCES;
+    }
     for (;;) {
         NTSTATUS status = own ? NdisHookSendFrame(adapter.Handle, frame.Bytes, (ULONG)frame.Length, nullptr)
                               : NdisHookReceiveFrame(adapter.Handle, frame.Bytes, (ULONG)frame.Length, nullptr);
@@ -305,18 +337,8 @@ NTSTATUS Indicate(ReplayAdapter &adapter, const FrameView &frame, bool own, Repl
             waited = true;
         }
         /* As a protocol whose packets are all out: wait until one comes back. */
-        LONG out = NdisHookPacketsOutstanding();
-        unsigned spins = 0;
-        while (NdisHookPacketsOutstanding() >= out) {
-            auto now = std::chrono::steady_clock::now();
-            if (now - lastProgress > PoolPatience)
-                return status;
-            if (++spins < 64)
-                std::this_thread::yield();
-            else
-                std::this_thread::sleep_for(std::chrono::microseconds(50));
-        }
-        lastProgress = std::chrono::steady_clock::now();
+        if (!WaitForPackets(NdisHookPacketsOutstanding()))
+            return status;
     }
 }
 
