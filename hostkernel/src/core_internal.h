@@ -128,4 +128,9 @@ size_t WideLength(PCWSTR s);
 WCHAR UpcaseChar(WCHAR c);
 
 } // namespace core
+
+// Writes the drive-file caches the calling thread wrote to through to the host
+// files (drive_files.cpp): when a thread blocks, finishes a work item or ends.
+void FlushThreadFileWrites();
+
 } // namespace hk

@@ -108,6 +108,8 @@ NTSTATUS WaitOne(DISPATCHER_HEADER *header, int64_t deadline)
     }
     if (deadline != hk::core::kForever && deadline <= hk::core::MonotonicNowNs())
         return STATUS_TIMEOUT;
+    if (KeGetCurrentIrql() == PASSIVE_LEVEL)
+        hk::FlushThreadFileWrites();
     __atomic_add_fetch(&header->HostWait.Waiters, 1, __ATOMIC_SEQ_CST);
     NTSTATUS status = STATUS_TIMEOUT;
     for (;;) {
@@ -292,6 +294,8 @@ NTSTATUS NTAPI KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE W
         }
     }
     const int64_t deadline = CheckedDeadline(Timeout, "KeWaitForMultipleObjects");
+    if (KeGetCurrentIrql() == PASSIVE_LEVEL && (Timeout == nullptr || Timeout->QuadPart != 0))
+        hk::FlushThreadFileWrites();
 
     for (ULONG i = 0; i < Count; ++i)
         __atomic_add_fetch(&headers[i]->HostWait.MultiWaiters, 1, __ATOMIC_SEQ_CST);

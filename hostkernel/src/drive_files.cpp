@@ -10,6 +10,15 @@
 // the host descriptor, the access granted, the share access given and the
 // current position of a synchronous file. Share access is checked between
 // every open of the same host file, as the I/O manager does.
+//
+// Writes go through a cache of each open file, as they go through the system
+// cache: they reach the host file when the cache is full, before a write that
+// does not follow the cached bytes, when the last handle closes, and when a
+// thread that wrote blocks in a wait, finishes a work item or ends
+// (FlushThreadFileWrites). So a writer that records many small pieces costs
+// one host write per cacheful, and a host program reading the file sees
+// everything written before the writer went idle. A host write that fails
+// after the caller was told of success is reported by the file's next write.
 #include "io_internal.h"
 
 #include <dirent.h>
@@ -53,14 +62,62 @@ struct ShareEntry {
     ULONG share;
 };
 
+constexpr size_t kFileCacheSize = 64 * 1024;
+
+NTSTATUS StatusOfErrno(int error);
+
 struct DiskFile {
     int descriptor = -1;
     ACCESS_MASK access = 0;
     bool synchronous = false;
     FileIdentity identity{};
-    std::mutex lock; // guards position
+    std::mutex lock; // guards what follows
     long long position = 0;
+    char *cache = nullptr;       // kFileCacheSize bytes once written to
+    long long cacheOffset = 0;   // where the cached bytes go in the file
+    size_t cached = 0;
+    bool listed = false;         // on a writing thread's list, which holds a reference
+    NTSTATUS deferredError = STATUS_SUCCESS;
 };
+
+// Writes the cached bytes to the host file. Caller holds file->lock.
+void FlushCache(DiskFile *file)
+{
+    size_t written = 0;
+    while (written < file->cached && file->descriptor >= 0) {
+        ssize_t count = pwrite(file->descriptor, file->cache + written, file->cached - written,
+                               file->cacheOffset + static_cast<long long>(written));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0) {
+            file->deferredError = count < 0 ? StatusOfErrno(errno) : STATUS_DISK_FULL;
+            break;
+        }
+        written += static_cast<size_t>(count);
+    }
+    file->cached = 0;
+}
+
+// The files a thread wrote to since it last went idle, each referenced.
+struct ThreadWrites {
+    std::vector<DiskFile *> files;
+    ~ThreadWrites() { Flush(); }
+    void Flush()
+    {
+        std::vector<DiskFile *> taken;
+        taken.swap(files);
+        for (DiskFile *file : taken) {
+            {
+                std::lock_guard<std::mutex> guard(file->lock);
+                FlushCache(file);
+                file->listed = false;
+            }
+            ObfDereferenceObject(file);
+        }
+    }
+};
+
+thread_local ThreadWrites tWrites;
 
 struct Drives {
     std::mutex lock;
@@ -175,6 +232,10 @@ void RemoveShareEntry(const FileIdentity &identity, const void *owner)
 void OnLastDiskFileHandle(void *body)
 {
     DiskFile *file = static_cast<DiskFile *>(body);
+    {
+        std::lock_guard<std::mutex> guard(file->lock);
+        FlushCache(file);
+    }
     if (file->descriptor >= 0) {
         close(file->descriptor);
         file->descriptor = -1;
@@ -185,7 +246,9 @@ void OnLastDiskFileHandle(void *body)
 void DeleteDiskFile(void *body)
 {
     OnLastDiskFileHandle(body);
-    static_cast<DiskFile *>(body)->~DiskFile();
+    DiskFile *file = static_cast<DiskFile *>(body);
+    delete[] file->cache;
+    file->~DiskFile();
 }
 
 // UTF-16 to UTF-8 (unpaired surrogates refused).
@@ -480,8 +543,11 @@ NTSTATUS DriveWriteFile(void *body, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer
         return STATUS_INVALID_USER_BUFFER;
 
     std::lock_guard<std::mutex> guard(file->lock);
+    NTSTATUS status = file->deferredError;
+    file->deferredError = STATUS_SUCCESS;
     off_t offset;
     if (toEnd) {
+        FlushCache(file);
         struct stat info;
         if (fstat(file->descriptor, &info) != 0)
             return STATUS_UNSUCCESSFUL;
@@ -489,18 +555,38 @@ NTSTATUS DriveWriteFile(void *body, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer
     } else {
         offset = useCurrent ? file->position : ByteOffset->QuadPart;
     }
-    const char *data = static_cast<const char *>(Buffer);
     ULONG written = 0;
-    NTSTATUS status = STATUS_SUCCESS;
-    while (written < Length) {
-        ssize_t count = pwrite(file->descriptor, data + written, Length - written, offset + written);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0) {
-            status = count < 0 ? StatusOfErrno(errno) : STATUS_DISK_FULL;
-            break;
+    if (NT_SUCCESS(status)) {
+        if (file->cached != 0 && (offset != file->cacheOffset + static_cast<long long>(file->cached) ||
+                                  Length > kFileCacheSize - file->cached))
+            FlushCache(file);
+        if (file->cache == nullptr && Length < kFileCacheSize)
+            file->cache = new (std::nothrow) char[kFileCacheSize];
+        if (file->cache != nullptr && Length <= kFileCacheSize - file->cached) {
+            if (file->cached == 0)
+                file->cacheOffset = offset;
+            if (Length != 0)
+                std::memcpy(file->cache + file->cached, Buffer, Length);
+            file->cached += Length;
+            written = Length;
+            if (!file->listed) {
+                file->listed = true;
+                ObfReferenceObject(file);
+                tWrites.files.push_back(file);
+            }
+        } else {
+            const char *data = static_cast<const char *>(Buffer);
+            while (written < Length) {
+                ssize_t count = pwrite(file->descriptor, data + written, Length - written, offset + written);
+                if (count < 0 && errno == EINTR)
+                    continue;
+                if (count <= 0) {
+                    status = count < 0 ? StatusOfErrno(errno) : STATUS_DISK_FULL;
+                    break;
+                }
+                written += static_cast<ULONG>(count);
+            }
         }
-        written += static_cast<ULONG>(count);
     }
     if (file->synchronous)
         file->position = offset + written;
@@ -509,6 +595,12 @@ NTSTATUS DriveWriteFile(void *body, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer
         IoStatusBlock->Information = written;
     }
     return status;
+}
+
+void FlushThreadFileWrites()
+{
+    if (!tWrites.files.empty())
+        tWrites.Flush();
 }
 
 } // namespace hk

@@ -118,7 +118,11 @@ void FinishSystemThread(KThreadBody *thread)
 // unwinds the thread.
 struct SystemThreadFinisher {
     KThreadBody *thread;
-    ~SystemThreadFinisher() { FinishSystemThread(thread); }
+    ~SystemThreadFinisher()
+    {
+        hk::FlushThreadFileWrites();
+        FinishSystemThread(thread);
+    }
 };
 
 /* Body of a system thread's host thread: PASSIVE_LEVEL, the start routine, the end. */

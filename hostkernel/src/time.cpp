@@ -120,6 +120,8 @@ NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertabl
         sched_yield();
         return STATUS_SUCCESS;
     }
+    if (KeGetCurrentIrql() == PASSIVE_LEVEL)
+        hk::FlushThreadFileWrites();
     timespec until;
     until.tv_sec = deadline / 1000000000;
     until.tv_nsec = deadline % 1000000000;

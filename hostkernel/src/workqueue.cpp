@@ -59,6 +59,7 @@ void Run(const Work &work)
                  reinterpret_cast<void *>(work.routine));
         work.routine(work.context);
     }
+    hk::FlushThreadFileWrites();
     hk::core::CheckThreadIsClean(where);
 }
 

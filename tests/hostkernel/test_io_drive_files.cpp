@@ -114,6 +114,25 @@ TEST_F(DriveFiles, SupersedeCreatesThenReplacesAndSynchronousWritesAdvance)
     EXPECT_EQ("z", Contents("log.eth"));
 }
 
+TEST_F(DriveFiles, CachedWritesReachTheHostFileWhenTheWriterBlocksOrTheFileCloses)
+{
+    HANDLE file;
+    ASSERT_EQ(STATUS_SUCCESS, Create("\\??\\C:\\cached.eth", FILE_SUPERSEDE, &file));
+    EXPECT_EQ(STATUS_SUCCESS, Write(file, "head"));
+    EXPECT_EQ(STATUS_SUCCESS, Write(file, "tail"));
+    EXPECT_EQ("", Contents("cached.eth"));
+    KEVENT idle;
+    KeInitializeEvent(&idle, NotificationEvent, FALSE);
+    LARGE_INTEGER shortly;
+    shortly.QuadPart = -10000; /* 1 ms */
+    EXPECT_EQ(STATUS_TIMEOUT, KeWaitForSingleObject(&idle, Executive, KernelMode, FALSE, &shortly));
+    EXPECT_EQ("headtail", Contents("cached.eth"));
+    EXPECT_EQ(STATUS_SUCCESS, Write(file, std::string(100000, 'x')));
+    EXPECT_EQ(STATUS_SUCCESS, Write(file, "end"));
+    EXPECT_EQ(STATUS_SUCCESS, ZwClose(file));
+    EXPECT_EQ("headtail" + std::string(100000, 'x') + "end", Contents("cached.eth"));
+}
+
 TEST_F(DriveFiles, DispositionsNamesAndArgumentsAnswerAsWindowsDoes)
 {
     HANDLE file;
