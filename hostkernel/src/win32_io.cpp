@@ -8,7 +8,7 @@
 // signalled, when the driver completes the IRP. Each request in flight is
 // listed on its file object for CancelIoEx, and holds a reference on the file
 // object, so IRP_MJ_CLOSE waits for it.
-#include "io_internal.h"
+#include "bridge_internal.h"
 
 #include <thread>
 
@@ -304,6 +304,9 @@ BOOL DeviceIoControl(HANDLE hDevice, DWORD dwIoControlCode, LPVOID lpInBuffer,
                      LPDWORD lpBytesReturned, LPOVERLAPPED lpOverlapped)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "DeviceIoControl");
+    if (BridgeIsRemote(hDevice))
+        return BridgeRequest(hDevice, IRP_MJ_DEVICE_CONTROL, dwIoControlCode, lpInBuffer, nInBufferSize,
+                             lpOutBuffer, nOutBufferSize, lpBytesReturned, lpOverlapped);
     PFILE_OBJECT file = ReferenceFile(hDevice);
     if (file == nullptr)
         return FALSE;
@@ -338,6 +341,9 @@ BOOL ReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRead,
               LPDWORD lpNumberOfBytesRead, LPOVERLAPPED lpOverlapped)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "ReadFile");
+    if (BridgeIsRemote(hFile))
+        return BridgeRequest(hFile, IRP_MJ_READ, 0, nullptr, 0, lpBuffer, nNumberOfBytesToRead,
+                             lpNumberOfBytesRead, lpOverlapped);
     return ReadOrWrite(hFile, IRP_MJ_READ, lpBuffer, nNumberOfBytesToRead, lpNumberOfBytesRead,
                        lpOverlapped);
 }
@@ -346,6 +352,9 @@ BOOL WriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite,
                LPDWORD lpNumberOfBytesWritten, LPOVERLAPPED lpOverlapped)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "WriteFile");
+    if (BridgeIsRemote(hFile))
+        return BridgeRequest(hFile, IRP_MJ_WRITE, 0, lpBuffer, nNumberOfBytesToWrite, nullptr, 0,
+                             lpNumberOfBytesWritten, lpOverlapped);
     return ReadOrWrite(hFile, IRP_MJ_WRITE, const_cast<LPVOID>(lpBuffer), nNumberOfBytesToWrite,
                        lpNumberOfBytesWritten, lpOverlapped);
 }
@@ -357,6 +366,8 @@ BOOL GetOverlappedResult(HANDLE hFile, LPOVERLAPPED lpOverlapped,
                          LPDWORD lpNumberOfBytesTransferred, BOOL bWait)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "GetOverlappedResult");
+    if (BridgeIsRemote(hFile))
+        return BridgeGetOverlappedResult(hFile, lpOverlapped, lpNumberOfBytesTransferred, bWait);
     PFILE_OBJECT file = ReferenceFile(hFile);
     if (file == nullptr)
         return FALSE;
@@ -393,6 +404,12 @@ BOOL GetOverlappedResult(HANDLE hFile, LPOVERLAPPED lpOverlapped,
 BOOL CancelIoEx(HANDLE hFile, LPOVERLAPPED lpOverlapped)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "CancelIoEx");
+    if (BridgeIsRemote(hFile)) {
+        if (BridgeCancel(hFile, lpOverlapped, false) != 0)
+            return TRUE;
+        SetLastError(ERROR_NOT_FOUND);
+        return FALSE;
+    }
     PFILE_OBJECT file = ReferenceFile(hFile);
     if (file == nullptr)
         return FALSE;
@@ -409,6 +426,10 @@ BOOL CancelIoEx(HANDLE hFile, LPOVERLAPPED lpOverlapped)
 BOOL CancelIo(HANDLE hFile)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "CancelIo");
+    if (BridgeIsRemote(hFile)) {
+        BridgeCancel(hFile, nullptr, true);
+        return TRUE;
+    }
     PFILE_OBJECT file = ReferenceFile(hFile);
     if (file == nullptr)
         return FALSE;
