@@ -82,6 +82,7 @@ private:
     std::mutex lock_;
     std::condition_variable changed_;
     bool alive_ = false;
+    bool refused_ = false; // the daemon serves another user
     uint32_t nextId_ = 1;
     std::map<uint32_t, std::shared_ptr<ClientRequest>> requests_;
     std::map<uint32_t, std::pair<bridge::Opened, uint32_t>> opens_; // answers to opens not yet taken, with their handles
@@ -190,6 +191,8 @@ void Connection::Receive()
             memcpy(&refused, body.data(), sizeof(refused));
             fprintf(stderr, "bridge: the daemon serves only its own user (uid %u); this process runs as uid %u\n",
                     refused.daemonUid, refused.peerUid);
+            std::lock_guard<std::mutex> guard(lock_);
+            refused_ = true;
             break;
         }
         Answer(header, body.data(), fd);
@@ -328,7 +331,7 @@ uint32_t Connection::Open(const Name &name, DWORD access, DWORD share, DWORD fla
     changed_.wait(lock, [&] { return !sent || !alive_ || opens_.count(id) != 0; });
     auto found = opens_.find(id);
     if (found == opens_.end()) {
-        *error = ERROR_DEV_NOT_EXIST;
+        *error = refused_ ? ERROR_ACCESS_DENIED : ERROR_DEV_NOT_EXIST;
         return 0;
     }
     bridge::Opened opened = found->second.first;
