@@ -304,12 +304,13 @@ BOOL DeviceIoControl(HANDLE hDevice, DWORD dwIoControlCode, LPVOID lpInBuffer,
                      LPDWORD lpBytesReturned, LPOVERLAPPED lpOverlapped)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "DeviceIoControl");
-    if (BridgeIsRemote(hDevice))
-        return BridgeRequest(hDevice, IRP_MJ_DEVICE_CONTROL, dwIoControlCode, lpInBuffer, nInBufferSize,
-                             lpOutBuffer, nOutBufferSize, lpBytesReturned, lpOverlapped);
     PFILE_OBJECT file = ReferenceFile(hDevice);
-    if (file == nullptr)
+    if (file == nullptr) {
+        if (BridgeIsRemote(hDevice))
+            return BridgeRequest(hDevice, IRP_MJ_DEVICE_CONTROL, dwIoControlCode, lpInBuffer, nInBufferSize,
+                                 lpOutBuffer, nOutBufferSize, lpBytesReturned, lpOverlapped);
         return FALSE;
+    }
     Win32Request *request = NewRequest(file, IRP_MJ_DEVICE_CONTROL);
     if (request == nullptr) {
         ObDereferenceObject(file);
@@ -366,11 +367,12 @@ BOOL GetOverlappedResult(HANDLE hFile, LPOVERLAPPED lpOverlapped,
                          LPDWORD lpNumberOfBytesTransferred, BOOL bWait)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "GetOverlappedResult");
-    if (BridgeIsRemote(hFile))
-        return BridgeGetOverlappedResult(hFile, lpOverlapped, lpNumberOfBytesTransferred, bWait);
     PFILE_OBJECT file = ReferenceFile(hFile);
-    if (file == nullptr)
+    if (file == nullptr) {
+        if (BridgeIsRemote(hFile))
+            return BridgeGetOverlappedResult(hFile, lpOverlapped, lpNumberOfBytesTransferred, bWait);
         return FALSE;
+    }
     auto inFlight = [lpOverlapped] {
         return static_cast<NTSTATUS>(__atomic_load_n(&lpOverlapped->Internal, __ATOMIC_ACQUIRE)) ==
                STATUS_PENDING;
