@@ -148,9 +148,20 @@ void Session::Open(const bridge::Header &header, const uint8_t *body, uint32_t l
             opened = {STATUS_INSUFFICIENT_RESOURCES, ERROR_NO_SYSTEM_RESOURCES};
         }
     }
+    std::vector<WCHAR> name;
     if (opened.status == STATUS_SUCCESS) {
-        std::vector<WCHAR> name(open.nameUnits + 1, 0);
+        name.assign(open.nameUnits + 1, 0);
         memcpy(name.data(), body + sizeof(open), open.nameUnits * sizeof(char16_t));
+        // Only devices ("\\.\Name", "\\?\Name"), whole names without a terminator inside.
+        static const WCHAR kPrefixes[2][4] = {{'\\', '\\', '.', '\\'}, {'\\', '\\', '?', '\\'}};
+        bool device = open.nameUnits > 4 && (memcmp(name.data(), kPrefixes[0], sizeof(kPrefixes[0])) == 0 ||
+                                             memcmp(name.data(), kPrefixes[1], sizeof(kPrefixes[1])) == 0);
+        for (uint32_t i = 0; i < open.nameUnits && device; ++i)
+            device = name[i] != 0;
+        if (!device)
+            opened = {STATUS_OBJECT_PATH_NOT_FOUND, ERROR_PATH_NOT_FOUND};
+    }
+    if (opened.status == STATUS_SUCCESS) {
         // Always overlapped here, so that a pending request never holds the serving thread.
         HANDLE file = CreateFileW(name.data(), open.access, open.share, nullptr, OPEN_EXISTING,
                                   (open.flags & ~static_cast<DWORD>(FILE_FLAG_OVERLAPPED)) | FILE_FLAG_OVERLAPPED,

@@ -2,6 +2,7 @@
  * The bridge: the host program as a daemon, and user programs in processes
  * of their own (bridge-probe) reaching \\.\NdisFilter through it.
  */
+#include "bridge_protocol.h"
 #include "control-table.h"
 #include "hook_fixture.h"
 
@@ -11,11 +12,15 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -230,6 +235,119 @@ TEST_F(BridgeTest, AnotherUserIsRefused)
     EXPECT_NE(opened.Seen.find("open failed: 5"), std::string::npos) << opened.Seen;
     StopDaemon();
     EXPECT_NE(DaemonErrors().find("refused a connection from uid 65534"), std::string::npos) << DaemonErrors();
+}
+
+/* ---- a client that writes the bridge's messages by hand ---- */
+
+namespace wire = hk::bridge;
+
+int Connect(const std::string &path)
+{
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", path.c_str());
+    EXPECT_EQ(connect(fd, (struct sockaddr *)&address, sizeof(address)), 0);
+    struct timeval patience = {10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    return fd;
+}
+
+void Send(int fd, wire::Type type, uint32_t handle, uint32_t id, const std::vector<uint8_t> &body,
+          uint32_t claimedLength = UINT32_MAX)
+{
+    wire::Header header = {claimedLength == UINT32_MAX ? (uint32_t)body.size() : claimedLength, (uint16_t)type, 0,
+                           handle, id};
+    std::vector<uint8_t> message((const uint8_t *)&header, (const uint8_t *)(&header + 1));
+    message.insert(message.end(), body.begin(), body.end());
+    ASSERT_EQ(send(fd, message.data(), message.size(), MSG_NOSIGNAL), (ssize_t)message.size());
+}
+
+template <typename Record> std::vector<uint8_t> Bytes(const Record &record, const std::vector<uint8_t> &tail = {})
+{
+    std::vector<uint8_t> bytes((const uint8_t *)&record, (const uint8_t *)(&record + 1));
+    bytes.insert(bytes.end(), tail.begin(), tail.end());
+    return bytes;
+}
+
+std::vector<uint8_t> Name(const std::u16string &name)
+{
+    return std::vector<uint8_t>((const uint8_t *)name.data(), (const uint8_t *)(name.data() + name.size()));
+}
+
+/* The next message's header and the first record of its body; false when the daemon hung up. */
+template <typename Record> bool Receive(int fd, wire::Header *header, Record *record)
+{
+    if (recv(fd, header, sizeof(*header), MSG_WAITALL) != (ssize_t)sizeof(*header))
+        return false;
+    std::vector<uint8_t> body(header->bodyLength);
+    if (!body.empty() && recv(fd, body.data(), body.size(), MSG_WAITALL) != (ssize_t)body.size())
+        return false;
+    std::memset(record, 0, sizeof(*record));
+    std::memcpy(record, body.data(), std::min(body.size(), sizeof(*record)));
+    return true;
+}
+
+bool HungUp(int fd)
+{
+    char byte;
+    return recv(fd, &byte, 1, 0) == 0;
+}
+
+/* Malformed, oversized and out-of-turn messages are refused or end the connection; the daemon stays clean. */
+TEST_F(BridgeTest, HostileMessagesAreRefused)
+{
+    int early = Connect(m_socket);
+    Send(early, wire::Type::Open, 0, 1, {});
+    EXPECT_TRUE(HungUp(early)) << "a message before the greeting ends the connection";
+    close(early);
+
+    int fd = Connect(m_socket);
+    Send(fd, wire::Type::Hello, 0, 0, Bytes(wire::Hello{wire::kVersion, 0, 0x300000000000ull, wire::kWindowSize}));
+    wire::Header header;
+    wire::Complete complete;
+    Send(fd, wire::Type::Request, 77, 1, Bytes(wire::Request{IRP_MJ_DEVICE_CONTROL, {}, 0, 0, 0, 0}));
+    ASSERT_TRUE(Receive(fd, &header, &complete));
+    EXPECT_EQ(complete.win32Error, (uint32_t)ERROR_INVALID_HANDLE);
+
+    wire::Opened opened;
+    const struct {
+        std::u16string Name;
+        uint32_t Units;
+        uint32_t Error;
+    } opens[] = {{u"\\\\.\\NdisFilter", 4000, ERROR_FILE_NOT_FOUND},
+                 {u"C:\\secret", 9, ERROR_PATH_NOT_FOUND},
+                 {std::u16string(u"\\\\.\\Ndis\0Filter", 15), 15, ERROR_PATH_NOT_FOUND}};
+    for (const auto &open : opens) {
+        Send(fd, wire::Type::Open, 0, 2, Bytes(wire::Open{GENERIC_ALL, 0, 0, open.Units}, Name(open.Name)));
+        ASSERT_TRUE(Receive(fd, &header, &opened));
+        EXPECT_EQ(opened.win32Error, open.Error);
+        EXPECT_EQ(header.handle, 0u);
+    }
+    Send(fd, wire::Type::Open, 0, 3, Bytes(wire::Open{GENERIC_ALL, 0, 0, 14}, Name(u"\\\\.\\NdisFilter")));
+    ASSERT_TRUE(Receive(fd, &header, &opened));
+    uint32_t handle = header.handle;
+    ASSERT_NE(handle, 0u);
+    Send(fd, wire::Type::Request, handle, 4, Bytes(wire::Request{IRP_MJ_DEVICE_CONTROL, {}, 0, 100, 0, 0}));
+    ASSERT_TRUE(Receive(fd, &header, &complete));
+    EXPECT_EQ(complete.win32Error, (uint32_t)ERROR_INVALID_PARAMETER) << "input shorter than announced";
+    Send(fd, wire::Type::Request, handle, 5, Bytes(wire::Request{0x33, {}, 0, 0, 0, 0}));
+    ASSERT_TRUE(Receive(fd, &header, &complete));
+    EXPECT_EQ(complete.win32Error, (uint32_t)ERROR_INVALID_PARAMETER) << "unknown major function";
+    Send(fd, wire::Type::Cancel, handle, 999, {});
+    Send(fd, wire::Type::Close, 999, 0, {});
+    Send(fd, wire::Type::Request, handle, 6,
+         Bytes(wire::Request{IRP_MJ_DEVICE_CONTROL, {}, IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, 0, 4, 0}));
+    std::vector<uint8_t> reply;
+    ASSERT_TRUE(Receive(fd, &header, &complete));
+    EXPECT_EQ(header.id, 6u);
+    EXPECT_EQ(complete.status, 0);
+    EXPECT_EQ(complete.information, 4u);
+
+    Send(fd, wire::Type::Request, handle, 7, {}, 0x7FFFFFFF);
+    EXPECT_TRUE(HungUp(fd)) << "an oversized message ends the connection";
+    close(fd);
+    StopDaemon();
 }
 
 } // namespace
