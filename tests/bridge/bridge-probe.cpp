@@ -10,7 +10,6 @@
  *                        the share back; "received N", exit 0 when N >= COUNT
  *   hold                 takes the share, keeps a read parked, says "holding"
  *                        and waits to be killed
- *   take                 "share taken" (exit 0) or "share refused: ..." (exit 1)
  *   open                 "opened" or "open failed: <Win32 error>"
  */
 #include <windows.h>
@@ -86,18 +85,6 @@ int Hold()
         std::this_thread::sleep_for(std::chrono::seconds(1));
 }
 
-int Take()
-{
-    nfapp::SharedChannel channel;
-    if (!channel.Open() || !channel.Start()) {
-        std::printf("share refused: %s\n", channel.ControlError().Describe().c_str());
-        return 1;
-    }
-    std::printf("share taken\n");
-    channel.Stop();
-    return 0;
-}
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -114,8 +101,6 @@ int main(int argc, char **argv)
         return Share((unsigned)std::strtoul(argv[2], nullptr, 0), (unsigned)std::strtoul(argv[3], nullptr, 0));
     if (command == "hold")
         return Hold();
-    if (command == "take")
-        return Take();
     if (command == "open") {
         HANDLE device = CreateFileA(NDISFILTER_USER_DEVICE, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
                                     FILE_FLAG_OVERLAPPED, nullptr);
@@ -127,6 +112,6 @@ int main(int argc, char **argv)
         CloseHandle(device);
         return 0;
     }
-    std::fprintf(stderr, "usage: bridge-probe controls MAC ID | share COUNT INJECT | hold | take | open\n");
+    std::fprintf(stderr, "usage: bridge-probe controls MAC ID | share COUNT INJECT | hold | open\n");
     return 2;
 }
