@@ -30,7 +30,7 @@ constexpr uint32_t kMaxTransfer = 256u * 1024u;
 constexpr uint32_t kMaxNameUnits = 256;
 // What one connection may hold at once.
 constexpr size_t kMaxHandles = 64;
-constexpr size_t kMaxInFlight = 256;
+constexpr size_t kMaxInFlight = 64;
 // The address window a client reserves for the mappings of its requests.
 constexpr uint64_t kWindowSize = 64ull << 20;
 
