@@ -111,16 +111,20 @@ struct Served {
     std::shared_ptr<std::atomic<bool>> Done;
 };
 
-/* Frames the hook driver delivered since the last look, added up per adapter and forgotten. */
+/* Frames the hook driver delivered since the last look, added up per adapter and taken out of
+ * its record (one at a time, so none delivered meanwhile is lost and the record does not grow). */
 void CountDelivered(Adapters &adapters, DaemonReport *report)
 {
     report->ToWire.resize(adapters.size());
     report->ToProtocols.resize(adapters.size());
+    static UCHAR frame[65536];
     for (size_t i = 0; i < adapters.size(); i++) {
-        PFilterAdapter handle = adapters[i]->Handle;
-        report->ToWire[i] += NdisHookDeliveredCount(handle, FILTER_DIRECTION_TO_ADAPTER);
-        report->ToProtocols[i] += NdisHookDeliveredCount(handle, FILTER_DIRECTION_TO_PROTOCOL);
-        NdisHookClearDelivered(handle);
+        for (ULONG direction : {(ULONG)FILTER_DIRECTION_TO_ADAPTER, (ULONG)FILTER_DIRECTION_TO_PROTOCOL}) {
+            ULONG64 &count = direction == FILTER_DIRECTION_TO_ADAPTER ? report->ToWire[i] : report->ToProtocols[i];
+            ULONG length = 0;
+            while (NT_SUCCESS(NdisHookTakeDelivered(adapters[i]->Handle, direction, frame, sizeof(frame), &length)))
+                count++;
+        }
     }
 }
 
