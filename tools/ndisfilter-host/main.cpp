@@ -12,6 +12,10 @@
  * files. Exit status 0 only when the run was clean: no verifier finding,
  * every packet back with the hook driver, and the accounting balanced.
  *
+ * With --daemon it runs no traffic of its own: it opens the adapters and
+ * serves the control device to user programs in other processes (daemon.h)
+ * until it is told to stop, then unloads and reports.
+ *
  * The drivers' trace goes to stderr (--quiet turns it off), the summary to stdout.
  */
 #include <windows.h>
