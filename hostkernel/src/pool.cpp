@@ -12,12 +12,16 @@
  * or more are recorded here in a side table (address -> size, tag, pool type)
  * under one lock; they are page aligned and backed by shared memory (memfd),
  * so the same pages can be mapped a second time at another address
- * (MapSecondView, the user-mode view that MmMapLockedPages gives).
+ * (MapSecondView, the user-mode view that MmMapLockedPages gives). A live
+ * page-backed block of 64 KiB or more keeps its memfd open, so its pages can
+ * also be handed to another process (PoolPagesFile, for a user program on the
+ * bridge); smaller ones close it, so descriptors stay few.
  */
 #include "pool_small.h"
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -37,18 +41,21 @@ constexpr ULONG kDefaultTag = HK_POOL_TAG('N', 'o', 'n', 'e');
 // Freed blocks kept readable before they are really released.
 constexpr size_t kQuarantineMaxBlocks = 4096;
 constexpr size_t kQuarantineMaxBytes = 64u << 20;
+// Page-backed blocks from this size on keep their memfd (PoolPagesFile).
+constexpr size_t kShareableBytes = 64u << 10;
 
 struct Block {
     size_t size;   // bytes asked for
     ULONG tag;
     POOL_TYPE type;
     size_t mapped; // bytes mapped
+    int fd;        // the memfd of a live block of kShareableBytes or more, -1 otherwise
 };
 
 struct PoolState {
     std::mutex mutex;
     std::unordered_map<uintptr_t, Block> live;
-    std::map<uintptr_t, size_t> pageBacked; // live page-backed blocks: base -> mapped bytes
+    std::map<uintptr_t, std::pair<size_t, int>> pageBacked; // live page-backed blocks: base -> mapped bytes, memfd
     std::deque<std::pair<uintptr_t, Block>> quarantine;
     std::unordered_set<uintptr_t> quarantined;
     size_t quarantineBytes = 0;
@@ -110,18 +117,21 @@ bool TakeInjectedFailure(PoolState &state, ULONG tag)
     return false;
 }
 
-
-/* Page-aligned shared pages for `size` bytes, or nullptr. */
-void *MapPages(size_t size, size_t *mapped)
+/* Page-aligned shared pages for `size` bytes, or nullptr; *fd keeps their memfd open for
+ * a block of kShareableBytes or more, else it is -1. */
+void *MapPages(size_t size, size_t *mapped, int *fd)
 {
     *mapped = ROUND_TO_PAGES(size);
-    int fd = memfd_create("hk-pool", MFD_CLOEXEC);
-    if (fd < 0)
+    *fd = memfd_create("hk-pool", MFD_CLOEXEC);
+    if (*fd < 0)
         return nullptr;
     void *pages = MAP_FAILED;
-    if (ftruncate(fd, static_cast<off_t>(*mapped)) == 0)
-        pages = mmap(nullptr, *mapped, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    close(fd);
+    if (ftruncate(*fd, static_cast<off_t>(*mapped)) == 0)
+        pages = mmap(nullptr, *mapped, PROT_READ | PROT_WRITE, MAP_SHARED, *fd, 0);
+    if (pages == MAP_FAILED || size < kShareableBytes) {
+        close(*fd);
+        *fd = -1;
+    }
     return pages == MAP_FAILED ? nullptr : pages;
 }
 
@@ -179,6 +189,8 @@ void FreeBlock(PVOID p, bool checkTag, ULONG tag, const char *api)
                           "ExFreePoolWithTag", api, p, PoolTagText(block.tag).c_str());
     state.live.erase(found);
     state.pageBacked.erase(address);
+    if (block.fd >= 0)
+        close(block.fd); // the quarantined pages stay mapped; nobody hands them out any more
     Quarantine(state, address, block);
 }
 
@@ -197,14 +209,14 @@ PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULON
     }
     if (NumberOfBytes < PAGE_SIZE)
         return hk::core::SmallPoolAllocate(PoolType, std::max<size_t>(NumberOfBytes, 1), Tag) ;
-    Block block{NumberOfBytes, Tag, PoolType, 0};
-    void *memory = MapPages(NumberOfBytes, &block.mapped);
+    Block block{NumberOfBytes, Tag, PoolType, 0, -1};
+    void *memory = MapPages(NumberOfBytes, &block.mapped, &block.fd);
     if (memory == nullptr)
         return nullptr;
     const uintptr_t address = reinterpret_cast<uintptr_t>(memory);
     std::lock_guard<std::mutex> lock(state.mutex);
     state.live.emplace(address, block);
-    state.pageBacked.emplace(address, block.mapped);
+    state.pageBacked.emplace(address, std::make_pair(block.mapped, block.fd));
     return memory;
 }
 
@@ -252,7 +264,7 @@ void *MapSecondView(const void *address, size_t length)
     if (above == state.pageBacked.begin() || length == 0)
         return nullptr;
     auto block = std::prev(above);
-    if (start + length < start || start + length > block->first + block->second)
+    if (start + length < start || start + length > block->first + block->second.first)
         return nullptr;
     const uintptr_t firstPage = start & ~static_cast<uintptr_t>(PAGE_SIZE - 1);
     const size_t mapped = ROUND_TO_PAGES(start + length) - firstPage;
@@ -261,6 +273,27 @@ void *MapSecondView(const void *address, size_t length)
         return nullptr;
     state.views.emplace(reinterpret_cast<uintptr_t>(view), mapped);
     return static_cast<char *>(view) + (start - firstPage);
+}
+
+/* The memfd behind the pages of [address, address + length) of a live page-backed block of
+ * kShareableBytes or more, duplicated for the caller (who closes it), with the offset in it
+ * of the first of those pages and their mapped length; -1 when the range is not inside one
+ * such block. */
+int PoolPagesFile(const void *address, size_t length, size_t *fileOffset, size_t *mappedLength)
+{
+    const uintptr_t start = reinterpret_cast<uintptr_t>(address);
+    PoolState &state = State();
+    std::lock_guard<std::mutex> lock(state.mutex);
+    auto above = state.pageBacked.upper_bound(start);
+    if (above == state.pageBacked.begin() || length == 0)
+        return -1;
+    auto block = std::prev(above);
+    if (start + length < start || start + length > block->first + block->second.first)
+        return -1;
+    const uintptr_t firstPage = start & ~static_cast<uintptr_t>(PAGE_SIZE - 1);
+    *fileOffset = firstPage - block->first;
+    *mappedLength = ROUND_TO_PAGES(start + length) - firstPage;
+    return block->second.second < 0 ? -1 : fcntl(block->second.second, F_DUPFD_CLOEXEC, 0);
 }
 
 /* Removes a mapping made by MapSecondView (viewAddress as it returned). */

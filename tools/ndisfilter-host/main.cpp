@@ -12,6 +12,10 @@
  * files. Exit status 0 only when the run was clean: no verifier finding,
  * every packet back with the hook driver, and the accounting balanced.
  *
+ * With --daemon it runs no traffic of its own: it opens the adapters and
+ * serves the control device to user programs in other processes (daemon.h)
+ * until it is told to stop, then unloads and reports.
+ *
  * The drivers' trace goes to stderr (--quiet turns it off), the summary to stdout.
  */
 #include <windows.h>
@@ -24,6 +28,7 @@
 #include "adapters.h"
 #include "application.h"
 #include "capture-logs.h"
+#include "daemon.h"
 #include "drivers.h"
 #include "flows.h"
 #include "options.h"
@@ -223,6 +228,23 @@ int main(int argc, char **argv)
     if (!host::ReadCaptures(options.Captures, &adapters, &error)) {
         std::fprintf(stderr, "ndisfilter-host: %s\n", error.c_str());
         return 2;
+    }
+
+    if (options.Daemon) {
+        host::DaemonReport daemon;
+        {
+            host::DriverStack drivers;
+            if (drivers.Load(options, &error))
+                host::ServeDaemon(options, adapters, &daemon);
+            else
+                daemon.Problems.push_back(error);
+            drivers.UnloadClients();
+            host::CloseAdapters(adapters);
+            drivers.Unload();
+        }
+        std::vector<std::string> findings = hk::TakeVerifierFindings();
+        host::PrintDaemonReport(adapters, daemon, findings);
+        return daemon.Problems.empty() && findings.empty() ? 0 : 1;
     }
 
     RunReport report;

@@ -103,7 +103,13 @@ void PrintUsage()
                  "                          without \"lib\" and extension)\n"
                  "  --set NAME=TEXT         REG_SZ value in the last --driver's service key\n"
                  "  --set-dword NAME=N      REG_DWORD value in the last --driver's service key\n"
-                 "  --no-examples           load only the --driver images, not the example clients\n");
+                 "  --no-examples           load only the --driver images, not the example clients\n"
+                 "  --daemon                instead of the run: open the adapters and serve \\\\.\\NdisFilter to\n"
+                 "                          user programs in other processes until SIGINT or SIGTERM\n"
+                 "                          (SIGUSR1 replays the captures)\n"
+                 "  --socket PATH           the daemon's socket (default $NDISFILTER_SOCKET, else\n"
+                 "                          $XDG_RUNTIME_DIR/ndisfilter/ndisfilter.sock, else\n"
+                 "                          /tmp/ndisfilter-<uid>/ndisfilter.sock)\n");
 }
 
 bool ParseOptions(int argc, char **argv, Options *options, std::string *error)
@@ -120,6 +126,8 @@ bool ParseOptions(int argc, char **argv, Options *options, std::string *error)
             options->Quiet = true;
         } else if (arg == "--no-examples") {
             options->Examples = false;
+        } else if (arg == "--daemon") {
+            options->Daemon = true;
         } else if (hasValue && ParseDriverOption(arg, argv[i + 1], options, error)) {
             i++;
         } else if (!error->empty()) {
@@ -127,6 +135,8 @@ bool ParseOptions(int argc, char **argv, Options *options, std::string *error)
         } else if (!hasValue) {
             *error = "unknown option or missing value: " + arg;
             return false;
+        } else if (arg == "--socket") {
+            options->SocketPath = argv[++i];
         } else if (arg == "--pcap") {
             options->Captures.push_back(argv[++i]);
         } else if (arg == "--out") {

@@ -31,6 +31,8 @@ struct Options {
     unsigned AppLoopback = 2;  /* frames the application sends back to itself */
     bool Examples = true;      /* load the example clients */
     std::vector<ClientImage> Drivers; /* further client drivers, loaded after the examples */
+    bool Daemon = false;    /* serve the control device to other processes instead of the run */
+    std::string SocketPath; /* the daemon's socket; empty: the bridge's default */
 };
 
 /* Parses argv; FALSE (with `error` set, empty for --help) when the program should not run. */
