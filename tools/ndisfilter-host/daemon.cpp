@@ -180,10 +180,9 @@ void ServeDaemon(const Options &options, Adapters &adapters, DaemonReport *repor
         unsigned char number = 0;
         while (read(SignalPipe[0], &number, 1) == 1) {
             if (number == SIGUSR1) {
-                bool ok = false;
-                Replay(adapters, &ok, &error);
-                if (!ok)
-                    report->Problems.push_back(error);
+                ReplayResult replayed = Replay(adapters, false);
+                if (!replayed.Ok)
+                    report->Problems.push_back(replayed.Error);
                 std::printf("daemon: captures replayed\n");
             } else {
                 running = false;
