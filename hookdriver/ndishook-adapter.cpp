@@ -363,6 +363,24 @@ EXTERN_C VOID NTAPI NhGetTcpIpBoundAdapters(PVOID AdapterList)
 /* NhRecordDelivery - keeps a copy of a frame passed on by the adapter. IRQL <= DISPATCH_LEVEL. */
 VOID NhRecordDelivery(PNhAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG Length)
 {
+    PNH_DELIVERY_SINK sink;
+    PVOID context;
+    {
+        NhLock lock;
+        sink = Adapter->m_pfSink;
+        context = Adapter->m_pSinkContext;
+        if (sink != NULL) {
+            Adapter->m_nSinkCalls++;
+            Adapter->m_nFramesOk[Index]++;
+        }
+    }
+    if (sink != NULL) {
+        sink(&Adapter->m_Filter, Index == NH_TO_PROTOCOL ? FILTER_DIRECTION_TO_PROTOCOL : FILTER_DIRECTION_TO_ADAPTER,
+             Frame, Length, context);
+        NhLock lock;
+        Adapter->m_nSinkCalls--;
+        return;
+    }
     PNhDelivery delivery = (PNhDelivery)ExAllocatePoolWithTag(
         NonPagedPool, FIELD_OFFSET(NhDelivery, m_Frame) + (Length != 0 ? Length : 1), NH_DELIVERY_TAG);
     if (delivery == NULL) {
@@ -427,4 +445,39 @@ VOID NhClearDelivered(PFilterAdapter Adapter)
     PNhAdapter adapter = NhFindOpenAdapterLocked(Adapter);
     if (adapter != NULL)
         FreeDeliveries(adapter);
+}
+
+/*
+ * NhSetDeliverySink - the deliveries of an open adapter go to Sink from now
+ * on; NULL records them again, and returns only once no sink call is running,
+ * so the sink's resources may go then (the adapter need not be open for that).
+ * IRQL == PASSIVE_LEVEL.
+ */
+NTSTATUS NhSetDeliverySink(PFilterAdapter Adapter, PNH_DELIVERY_SINK Sink, PVOID Context)
+{
+    PNhAdapter adapter = NULL;
+    {
+        NhLock lock;
+        for (PLIST_ENTRY link = g_Hook.m_Adapters.Flink; link != &g_Hook.m_Adapters; link = link->Flink) {
+            PNhAdapter candidate = CONTAINING_RECORD(link, NhAdapter, m_Link);
+            if (&candidate->m_Filter == Adapter)
+                adapter = candidate;
+        }
+        if (adapter == NULL || (Sink != NULL && !adapter->m_bOpen))
+            return NDIS_STATUS_ADAPTER_NOT_FOUND;
+        adapter->m_pfSink = Sink;
+        adapter->m_pSinkContext = Context;
+    }
+    if (Sink != NULL)
+        return STATUS_SUCCESS;
+    for (;;) {
+        {
+            NhLock lock;
+            if (adapter->m_nSinkCalls == 0)
+                return STATUS_SUCCESS;
+        }
+        LARGE_INTEGER interval;
+        interval.QuadPart = -10000; /* 1 ms */
+        KeDelayExecutionThread(KernelMode, FALSE, &interval);
+    }
 }

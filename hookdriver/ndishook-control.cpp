@@ -186,6 +186,11 @@ VOID NdisHookClearDelivered(PFilterAdapter Adapter)
         NhClearDelivered(Adapter);
 }
 
+NTSTATUS NdisHookSetDeliverySink(PFilterAdapter Adapter, PNDIS_HOOK_DELIVERY_SINK Sink, PVOID Context)
+{
+    return g_Hook.m_bLoaded ? NhSetDeliverySink(Adapter, Sink, Context) : STATUS_DEVICE_NOT_READY;
+}
+
 // ---- accounting and control codes ----
 
 LONG NdisHookPacketsOutstanding(VOID)

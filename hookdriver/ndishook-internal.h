@@ -47,6 +47,11 @@ typedef struct _NhDelivery {
     UCHAR m_Frame[1];
 } NhDelivery, *PNhDelivery;
 
+/* Where an adapter's deliveries go instead of its record (a real device behind it). Called at
+ * IRQL <= DISPATCH_LEVEL with FILTER_DIRECTION_TO_PROTOCOL or FILTER_DIRECTION_TO_ADAPTER. */
+typedef VOID (*PNH_DELIVERY_SINK)(PFilterAdapter Adapter, ULONG Direction, const UCHAR *Frame, ULONG Length,
+                                  PVOID Context);
+
 /*
  * One adapter. The framework sees the FilterAdapter at its start; the rest
  * is the hook driver's. The record lives from the adapter's first open until
@@ -69,6 +74,10 @@ typedef struct _NhAdapter {
     ULONG m_nLookahead;
     ULONG m_nMulticast;
     UCHAR m_Multicast[NH_MULTICAST_LIST_SIZE][6];
+    /* deliveries handed to a sink instead of being recorded; m_nSinkCalls are running now */
+    PNH_DELIVERY_SINK m_pfSink;
+    PVOID m_pSinkContext;
+    LONG m_nSinkCalls;
 } NhAdapter, *PNhAdapter;
 
 /* Where a packet record came from. */
@@ -113,6 +122,7 @@ typedef struct _NhCounters {
 } NhCounters;
 
 typedef VOID (*PNH_PACKET_OBSERVER)(PFilterPacket Packet, PVOID Context);
+
 
 /* The driver's one global record. */
 typedef struct _NhGlobal {
@@ -241,6 +251,9 @@ ULONG NhDeliveredCount(PFilterAdapter Adapter, ULONG Index);
 NTSTATUS NhGetDelivered(PFilterAdapter Adapter, ULONG Index, ULONG Position, PVOID Buffer,
                         ULONG BufferSize, PULONG Length, BOOLEAN Remove);
 VOID NhClearDelivered(PFilterAdapter Adapter);
+/* Hands the deliveries of an open adapter to Sink from now on (NULL: records them again); clearing
+ * waits until the sink calls running have returned. IRQL == PASSIVE_LEVEL. */
+NTSTATUS NhSetDeliverySink(PFilterAdapter Adapter, PNH_DELIVERY_SINK Sink, PVOID Context);
 
 /* ---- packets (ndishook-packet.cpp) ---- */
 NTSTATUS NhInitializePackets(VOID);

@@ -195,6 +195,20 @@ NTSTATUS NdisHookTakeDelivered(PFilterAdapter Adapter, ULONG Direction, PVOID Bu
                                PULONG Length);
 VOID NdisHookClearDelivered(PFilterAdapter Adapter);
 
+/*
+ * A device behind an adapter: from NdisHookSetDeliverySink on, what leaves
+ * the hook driver on the adapter is handed to Sink (Direction
+ * FILTER_DIRECTION_TO_PROTOCOL or FILTER_DIRECTION_TO_ADAPTER, the frame only
+ * for the call) instead of being recorded. Sink runs at IRQL <= DISPATCH_LEVEL,
+ * on whichever thread delivers, and must not block. A NULL Sink records the
+ * deliveries again and returns once no call of the old sink is running (the
+ * adapter may be closed by then). NDIS_STATUS_ADAPTER_NOT_FOUND for a handle
+ * that is not an adapter's (or not open, when setting). IRQL == PASSIVE_LEVEL.
+ */
+typedef VOID (*PNDIS_HOOK_DELIVERY_SINK)(PFilterAdapter Adapter, ULONG Direction, const UCHAR *Frame, ULONG Length,
+                                         PVOID Context);
+NTSTATUS NdisHookSetDeliverySink(PFilterAdapter Adapter, PNDIS_HOOK_DELIVERY_SINK Sink, PVOID Context);
+
 /* ======================================================================
  * Accounting and control codes
  * ====================================================================== */
