@@ -318,15 +318,22 @@ LiveAdapter::~LiveAdapter()
     Close();
 }
 
-void LiveAdapter::Close()
+void LiveAdapter::StopReading()
 {
     State &state = *m_State;
-    state.Retire("");
+    state.Stopping = true;
+    live::Signal(state.WakeFd);
     if (state.WireThread.joinable())
         state.WireThread.join();
     if (state.StackThread.joinable())
         state.StackThread.join();
-    state.CloseDescriptors();
+}
+
+void LiveAdapter::Close()
+{
+    m_State->Retire("");
+    StopReading();
+    m_State->CloseDescriptors();
 }
 
 PFilterAdapter LiveAdapter::Handle() const

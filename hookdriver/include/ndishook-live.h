@@ -54,6 +54,8 @@ public:
     LiveAdapter(const LiveAdapter &) = delete;
     LiveAdapter &operator=(const LiveAdapter &) = delete;
 
+    /* Stops reading the devices (the threads leave); deliveries still reach them until Close(). */
+    void StopReading();
     /* Stops the threads, closes the adapter on the hook driver, closes every descriptor. Idempotent. */
     void Close();
 
