@@ -322,7 +322,8 @@ void LiveAdapter::StopReading()
 {
     State &state = *m_State;
     state.Stopping = true;
-    live::Signal(state.WakeFd);
+    if (state.WakeFd >= 0)
+        live::Signal(state.WakeFd);
     if (state.WireThread.joinable())
         state.WireThread.join();
     if (state.StackThread.joinable())
