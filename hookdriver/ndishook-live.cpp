@@ -93,8 +93,9 @@ struct LiveAdapter::State {
     {
         for (int burst = 0; burst < 64 && !Stopping; burst++) {
             ssize_t got = fromWire ? recv(fd, buffer, kReadBuffer, MSG_TRUNC) : read(fd, buffer, kReadBuffer);
+            /* The interface going down (or away) reports ENETDOWN once; the link messages tell which. */
             if (got < 0)
-                return errno == EAGAIN || errno == EINTR;
+                return errno == EAGAIN || errno == EINTR || (fromWire && errno == ENETDOWN);
             if (got == 0 && !fromWire)
                 return false;
             if ((size_t)got >= kReadBuffer || (size_t)got < kEthernetHeader) {
@@ -153,7 +154,6 @@ struct LiveAdapter::State {
                 int error = 0;
                 socklen_t length = sizeof(error);
                 getsockopt(WireFd, SOL_SOCKET, SO_ERROR, &error, &length);
-                // The link going down reports ENETDOWN once; the interface going away ends the socket.
                 if (error == ENETDOWN && (fds[1].revents & POLLHUP) == 0)
                     continue;
                 Retire(Setup.Wire + " went away (" + std::strerror(error != 0 ? error : ENODEV) + ")");
