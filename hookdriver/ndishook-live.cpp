@@ -67,7 +67,7 @@ struct LiveAdapter::State {
     bool LastRunning = true;
 
     std::atomic<uint64_t> FromWire{0}, FromStack{0}, ToWire{0}, ToStack{0}, Oversize{0}, WriteErrors{0},
-        Refused{0}, LinkChanges{0};
+        Refused{0}, LinkChanges{0}, Foreign{0};
 
     // Takes the adapter off the hook driver, once: the sink first, so that nothing is written to
     // the devices after this returns.
@@ -100,6 +100,11 @@ struct LiveAdapter::State {
                 return false;
             if ((size_t)got >= kReadBuffer || (size_t)got < kEthernetHeader) {
                 Oversize++;
+                continue;
+            }
+            /* As the adapter's filter would: its own address, broadcast and multicast (group bit set). */
+            if (fromWire && (buffer[0] & 1) == 0 && std::memcmp(buffer, Tap.Mac, 6) != 0) {
+                Foreign++;
                 continue;
             }
             NTSTATUS status = fromWire ? NdisHookReceiveFrame(Handle, buffer, (ULONG)got, nullptr)
@@ -380,6 +385,7 @@ LiveCounters LiveAdapter::Counters() const
     c.WriteErrors = s.WriteErrors;
     c.Refused = s.Refused;
     c.LinkChanges = s.LinkChanges;
+    c.Foreign = s.Foreign;
     return c;
 }
 

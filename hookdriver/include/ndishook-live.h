@@ -11,6 +11,10 @@
  * device's, its MTU and media state the interface's, its IP configuration the
  * IPv4 addresses (and default gateway) of the TAP device.
  *
+ * The packet socket is promiscuous, so the wire side sees what the interface
+ * carries whatever its own address; like an adapter's receive filter, only
+ * frames to the adapter's MAC, broadcast and multicast frames are indicated.
+ *
  * Two threads per adapter indicate frames at PASSIVE_LEVEL through the hook
  * driver's usual indication path: one reads the wire and follows the
  * interface's link state (rtnetlink), one reads the TAP device. When either
@@ -43,6 +47,7 @@ struct LiveCounters {
     uint64_t WriteErrors = 0; /* deliveries a device refused (full queue, gone) */
     uint64_t Refused = 0;     /* frames the hook driver did not take (adapter closed meanwhile) */
     uint64_t LinkChanges = 0; /* media state changes indicated */
+    uint64_t Foreign = 0;     /* frames on the wire for another unicast address: not indicated */
 };
 
 class LiveAdapter {

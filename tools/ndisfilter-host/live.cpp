@@ -219,11 +219,11 @@ void RunAdapters(const Options &options, const sigset_t &stop, DriverStack &driv
         adapter->Close();
         ndishook::LiveCounters c = adapter->Counters();
         std::printf("%s: from wire %llu, from stack %llu, to wire %llu, to stack %llu, dropped oversize %llu, "
-                    "write errors %llu, refused %llu, link changes %llu%s%s\n",
+                    "write errors %llu, refused %llu, for other addresses %llu, link changes %llu%s%s\n",
                     adapter->Name().c_str(), (unsigned long long)c.FromWire, (unsigned long long)c.FromStack,
                     (unsigned long long)c.ToWire, (unsigned long long)c.ToStack, (unsigned long long)c.Oversize,
                     (unsigned long long)c.WriteErrors, (unsigned long long)c.Refused,
-                    (unsigned long long)c.LinkChanges, adapter->Gone() ? ", gone: " : "",
+                    (unsigned long long)c.Foreign, (unsigned long long)c.LinkChanges, adapter->Gone() ? ", gone: " : "",
                     adapter->Gone() ? adapter->GoneReason().c_str() : "");
         anyGone |= adapter->Gone();
         total.FromWire += c.FromWire;
