@@ -6,6 +6,7 @@
 #include <ndisfilter-testkit.h>
 #include <ndishook-live.h>
 
+#include <dirent.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -53,6 +54,18 @@ protected:
         std::string error;
         m_live = ndishook::LiveAdapter::Open(setup, &error);
         ASSERT_NE(m_live, nullptr) << error;
+    }
+
+    /* Entries of a /proc/self directory: descriptors or threads. */
+    static int Entries(const char *path)
+    {
+        int count = 0;
+        if (DIR *dir = opendir(path)) {
+            while (readdir(dir) != nullptr)
+                count++;
+            closedir(dir);
+        }
+        return count;
     }
 
     template <typename Condition>
@@ -106,6 +119,7 @@ TEST_F(LiveAdapterTest, FramesCrossOnceAndTheAdapterFollowsTheDevices)
 
 TEST_F(LiveAdapterTest, AnInterfaceDeletedUnderLoadClosesTheAdapterAndLeavesNothingOut)
 {
+    const int descriptors = Entries("/proc/self/fd"), threads = Entries("/proc/self/task");
     OpenLive();
     ASSERT_EQ(InA("sh -c 'ping -q -f -w 5 10.77.0.2 >/dev/null 2>&1 &'"), 0);
     EXPECT_TRUE(Eventually([&] { return m_live->Counters().FromWire > 200; }));
@@ -114,6 +128,8 @@ TEST_F(LiveAdapterTest, AnInterfaceDeletedUnderLoadClosesTheAdapterAndLeavesNoth
     EXPECT_EQ(m_live->GoneReason(), "nfw0 was deleted");
     EXPECT_EQ(NdisHookCloseAdapter(m_live->Handle()), STATUS_NOT_FOUND); /* closed already */
     m_live->Close();
+    EXPECT_EQ(Entries("/proc/self/fd"), descriptors);
+    EXPECT_EQ(Entries("/proc/self/task"), threads);
     EXPECT_TRUE(WaitForQuiet()); /* and TearDown fails on any packet still out or verifier finding */
 }
 
