@@ -10,4 +10,5 @@
 #include "hk/host_io.h"
 #include "hk/host_debug.h"
 #include "hk/host_report.h"
+#include "hk/host_bridge.h"
 #endif

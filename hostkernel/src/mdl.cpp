@@ -6,7 +6,7 @@
 // address are visible through the other. The runtime tracks the MDLs it
 // allocated and the user mappings of every MDL, so freeing a mapped MDL,
 // unmapping twice and double frees are verifier errors.
-#include "io_internal.h"
+#include "bridge_internal.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -16,11 +16,25 @@
 namespace hk {
 namespace {
 
+// A user mapping: in this process, or (owner set) in a user program's process on the bridge.
+struct UserView {
+    void *address;
+    BridgeProcess *owner;
+};
+
 struct MdlTracker {
     std::mutex lock;
-    std::unordered_set<PMDL> allocated;                       // from IoAllocateMdl
-    std::unordered_map<PMDL, std::vector<void *>> userViews; // user mappings per MDL
+    std::unordered_set<PMDL> allocated;                         // from IoAllocateMdl
+    std::unordered_map<PMDL, std::vector<UserView>> userViews; // user mappings per MDL
 };
+
+void UnmapView(const UserView &view, ULONG length)
+{
+    if (view.owner != nullptr)
+        BridgeUnmapView(view.owner, view.address);
+    else
+        UnmapSecondView(view.address, length);
+}
 
 MdlTracker &Tracker()
 {
@@ -66,7 +80,12 @@ PVOID MapForUser(PMDL mdl, PVOID requestedAddress, ULONG bugCheckOnFailure)
                       "supported by the host runtime");
         return nullptr;
     }
-    void *view = mdl->ByteCount == 0 ? nullptr : MapSecondView(VirtualAddressOf(mdl), mdl->ByteCount);
+    // A thread serving a user program's process maps into that process.
+    BridgeProcess *owner = BridgeActingFor();
+    void *view = nullptr;
+    if (mdl->ByteCount != 0)
+        view = owner != nullptr ? BridgeMapView(owner, VirtualAddressOf(mdl), mdl->ByteCount)
+                                : MapSecondView(VirtualAddressOf(mdl), mdl->ByteCount);
     if (view == nullptr) {
         if (bugCheckOnFailure)
             VerifierError("MmMapLockedPagesSpecifyCache(%p, UserMode): the pages cannot be "
@@ -75,7 +94,7 @@ PVOID MapForUser(PMDL mdl, PVOID requestedAddress, ULONG bugCheckOnFailure)
     }
     MdlTracker &t = Tracker();
     std::lock_guard<std::mutex> guard(t.lock);
-    t.userViews[mdl].push_back(view);
+    t.userViews[mdl].push_back(UserView{view, owner});
     return view;
 }
 
@@ -136,7 +155,7 @@ PMDL IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer,
 VOID IoFreeMdl(PMDL Mdl)
 {
     RequireIrqlAtMost(DISPATCH_LEVEL, "IoFreeMdl");
-    std::vector<void *> views;
+    std::vector<UserView> views;
     {
         MdlTracker &t = Tracker();
         std::lock_guard<std::mutex> guard(t.lock);
@@ -154,8 +173,8 @@ VOID IoFreeMdl(PMDL Mdl)
     if (!views.empty()) {
         VerifierError("IoFreeMdl(%p): the MDL is still mapped into user mode %zu time(s) "
                       "(MmUnmapLockedPages first)", static_cast<void *>(Mdl), views.size());
-        for (void *view : views)
-            UnmapSecondView(view, Mdl->ByteCount);
+        for (const UserView &view : views)
+            UnmapView(view, Mdl->ByteCount);
     }
     if ((Mdl->MdlFlags & MDL_PAGES_LOCKED) != 0)
         VerifierError("IoFreeMdl(%p): the MDL's pages are still locked (MmUnlockPages first)",
@@ -257,14 +276,16 @@ VOID MmUnmapLockedPages(PVOID BaseAddress, PMDL MemoryDescriptorList)
         std::unique_lock<std::mutex> lock(t.lock);
         auto it = t.userViews.find(mdl);
         if (it != t.userViews.end()) {
-            auto view = std::find(it->second.begin(), it->second.end(), BaseAddress);
+            auto view = std::find_if(it->second.begin(), it->second.end(),
+                                     [BaseAddress](const UserView &v) { return v.address == BaseAddress; });
             if (view != it->second.end()) {
+                UserView found = *view;
                 it->second.erase(view);
                 if (it->second.empty())
                     t.userViews.erase(it);
                 lock.unlock();
                 RequireIrqlAtMost(APC_LEVEL, "MmUnmapLockedPages(user mapping)");
-                UnmapSecondView(BaseAddress, mdl->ByteCount);
+                UnmapView(found, mdl->ByteCount);
                 return;
             }
         }

@@ -10,12 +10,15 @@
  *
  * Blocks of a page or more are page aligned and backed by shared memory
  * (memfd), so the same pages can be mapped a second time at another address
- * (MapSecondView, the user-mode view that MmMapLockedPages gives).
+ * (MapSecondView, the user-mode view that MmMapLockedPages gives). A live
+ * page-backed block keeps its memfd open, so its pages can also be handed to
+ * another process (PoolPagesFile, for a user program on the bridge).
  */
 #include "core_internal.h"
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -41,12 +44,13 @@ struct Block {
     ULONG tag;
     POOL_TYPE type;
     size_t mapped; // bytes mapped for a page-backed block, 0 for a heap block
+    int fd;        // the memfd of a live page-backed block, -1 otherwise
 };
 
 struct PoolState {
     std::mutex mutex;
     std::unordered_map<uintptr_t, Block> live;
-    std::map<uintptr_t, size_t> pageBacked; // live page-backed blocks: base -> mapped bytes
+    std::map<uintptr_t, std::pair<size_t, int>> pageBacked; // live page-backed blocks: base -> mapped bytes, memfd
     std::deque<std::pair<uintptr_t, Block>> quarantine;
     std::unordered_set<uintptr_t> quarantined;
     size_t quarantineBytes = 0;
@@ -97,18 +101,22 @@ bool TakeInjectedFailure(PoolState &state, ULONG tag)
     return false;
 }
 
-/* Page-aligned shared pages for `size` bytes, or nullptr. */
-void *MapPages(size_t size, size_t *mapped)
+/* Page-aligned shared pages for `size` bytes, or nullptr; *fd keeps their memfd open. */
+void *MapPages(size_t size, size_t *mapped, int *fd)
 {
     *mapped = ROUND_TO_PAGES(size);
-    int fd = memfd_create("hk-pool", MFD_CLOEXEC);
-    if (fd < 0)
+    *fd = memfd_create("hk-pool", MFD_CLOEXEC);
+    if (*fd < 0)
         return nullptr;
     void *pages = MAP_FAILED;
-    if (ftruncate(fd, static_cast<off_t>(*mapped)) == 0)
-        pages = mmap(nullptr, *mapped, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    close(fd);
-    return pages == MAP_FAILED ? nullptr : pages;
+    if (ftruncate(*fd, static_cast<off_t>(*mapped)) == 0)
+        pages = mmap(nullptr, *mapped, PROT_READ | PROT_WRITE, MAP_SHARED, *fd, 0);
+    if (pages == MAP_FAILED) {
+        close(*fd);
+        *fd = -1;
+        return nullptr;
+    }
+    return pages;
 }
 
 /* Returns a block's memory to the host. */
@@ -165,8 +173,10 @@ void FreeBlock(PVOID p, bool checkTag, ULONG tag, const char *api)
         hk::VerifierError("%s: pool block %p has the protected tag '%s' and must be freed with "
                           "ExFreePoolWithTag", api, p, TagText(block.tag).c_str());
     state.live.erase(found);
-    if (block.mapped != 0)
+    if (block.mapped != 0) {
         state.pageBacked.erase(address);
+        close(block.fd); // the quarantined pages stay mapped; nobody hands them out any more
+    }
     Quarantine(state, address, block);
 }
 
@@ -183,10 +193,10 @@ PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULON
         if (TakeInjectedFailure(state, Tag))
             return nullptr;
     }
-    Block block{NumberOfBytes, Tag, PoolType, 0};
+    Block block{NumberOfBytes, Tag, PoolType, 0, -1};
     void *memory = nullptr;
     if (NumberOfBytes >= PAGE_SIZE) {
-        memory = MapPages(NumberOfBytes, &block.mapped);
+        memory = MapPages(NumberOfBytes, &block.mapped, &block.fd);
     } else if (posix_memalign(&memory, kSmallAlignment, std::max<size_t>(NumberOfBytes, 1)) != 0) {
         memory = nullptr;
     }
@@ -196,7 +206,7 @@ PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULON
     std::lock_guard<std::mutex> lock(state.mutex);
     state.live.emplace(address, block);
     if (block.mapped != 0)
-        state.pageBacked.emplace(address, block.mapped);
+        state.pageBacked.emplace(address, std::make_pair(block.mapped, block.fd));
     return memory;
 }
 
@@ -231,7 +241,7 @@ void *MapSecondView(const void *address, size_t length)
     if (above == state.pageBacked.begin() || length == 0)
         return nullptr;
     auto block = std::prev(above);
-    if (start + length < start || start + length > block->first + block->second)
+    if (start + length < start || start + length > block->first + block->second.first)
         return nullptr;
     const uintptr_t firstPage = start & ~static_cast<uintptr_t>(PAGE_SIZE - 1);
     const size_t mapped = ROUND_TO_PAGES(start + length) - firstPage;
@@ -240,6 +250,26 @@ void *MapSecondView(const void *address, size_t length)
         return nullptr;
     state.views.emplace(reinterpret_cast<uintptr_t>(view), mapped);
     return static_cast<char *>(view) + (start - firstPage);
+}
+
+/* The memfd behind the pages of [address, address + length) of a live page-backed block,
+ * duplicated for the caller (who closes it), with the offset in it of the first of those
+ * pages and their mapped length; -1 when the range is not inside one such block. */
+int PoolPagesFile(const void *address, size_t length, size_t *fileOffset, size_t *mappedLength)
+{
+    const uintptr_t start = reinterpret_cast<uintptr_t>(address);
+    PoolState &state = State();
+    std::lock_guard<std::mutex> lock(state.mutex);
+    auto above = state.pageBacked.upper_bound(start);
+    if (above == state.pageBacked.begin() || length == 0)
+        return -1;
+    auto block = std::prev(above);
+    if (start + length < start || start + length > block->first + block->second.first)
+        return -1;
+    const uintptr_t firstPage = start & ~static_cast<uintptr_t>(PAGE_SIZE - 1);
+    *fileOffset = firstPage - block->first;
+    *mappedLength = ROUND_TO_PAGES(start + length) - firstPage;
+    return fcntl(block->second.second, F_DUPFD_CLOEXEC, 0);
 }
 
 /* Removes a mapping made by MapSecondView (viewAddress as it returned). */

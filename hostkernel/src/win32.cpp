@@ -5,7 +5,9 @@
 // to a file object; an event handle to an event object whose body is a KEVENT,
 // so a driver given the handle can reference it with ObReferenceObjectByHandle
 // and signal it with KeSetEvent.
-#include "io_internal.h"
+#include "bridge_internal.h"
+
+#include <hostkernel.h>
 
 #include <chrono>
 #include <thread>
@@ -41,6 +43,9 @@ HANDLE OpenDevice(const Name &win32Name, DWORD access, DWORD share, DWORD flags)
     PFILE_OBJECT file = nullptr;
     NTSTATUS status = FileOpen(path, access, share, (flags & FILE_FLAG_OVERLAPPED) == 0,
                                UserMode, &file);
+    // A process that loaded no driver is a user program: its devices are in the daemon.
+    if (status == STATUS_OBJECT_NAME_NOT_FOUND && HkLoadedDriverCount() == 0)
+        return BridgeOpen(win32Name, access, share, flags);
     if (!NT_SUCCESS(status)) {
         SetLastError(RtlNtStatusToDosError(status));
         return INVALID_HANDLE_VALUE;

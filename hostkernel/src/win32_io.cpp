@@ -8,7 +8,7 @@
 // signalled, when the driver completes the IRP. Each request in flight is
 // listed on its file object for CancelIoEx, and holds a reference on the file
 // object, so IRP_MJ_CLOSE waits for it.
-#include "io_internal.h"
+#include "bridge_internal.h"
 
 #include <thread>
 
@@ -305,8 +305,12 @@ BOOL DeviceIoControl(HANDLE hDevice, DWORD dwIoControlCode, LPVOID lpInBuffer,
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "DeviceIoControl");
     PFILE_OBJECT file = ReferenceFile(hDevice);
-    if (file == nullptr)
+    if (file == nullptr) {
+        if (BridgeIsRemote(hDevice))
+            return BridgeRequest(hDevice, IRP_MJ_DEVICE_CONTROL, dwIoControlCode, lpInBuffer, nInBufferSize,
+                                 lpOutBuffer, nOutBufferSize, lpBytesReturned, lpOverlapped);
         return FALSE;
+    }
     Win32Request *request = NewRequest(file, IRP_MJ_DEVICE_CONTROL);
     if (request == nullptr) {
         ObDereferenceObject(file);
@@ -338,6 +342,9 @@ BOOL ReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRead,
               LPDWORD lpNumberOfBytesRead, LPOVERLAPPED lpOverlapped)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "ReadFile");
+    if (BridgeIsRemote(hFile))
+        return BridgeRequest(hFile, IRP_MJ_READ, 0, nullptr, 0, lpBuffer, nNumberOfBytesToRead,
+                             lpNumberOfBytesRead, lpOverlapped);
     return ReadOrWrite(hFile, IRP_MJ_READ, lpBuffer, nNumberOfBytesToRead, lpNumberOfBytesRead,
                        lpOverlapped);
 }
@@ -346,6 +353,9 @@ BOOL WriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite,
                LPDWORD lpNumberOfBytesWritten, LPOVERLAPPED lpOverlapped)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "WriteFile");
+    if (BridgeIsRemote(hFile))
+        return BridgeRequest(hFile, IRP_MJ_WRITE, 0, lpBuffer, nNumberOfBytesToWrite, nullptr, 0,
+                             lpNumberOfBytesWritten, lpOverlapped);
     return ReadOrWrite(hFile, IRP_MJ_WRITE, const_cast<LPVOID>(lpBuffer), nNumberOfBytesToWrite,
                        lpNumberOfBytesWritten, lpOverlapped);
 }
@@ -358,8 +368,11 @@ BOOL GetOverlappedResult(HANDLE hFile, LPOVERLAPPED lpOverlapped,
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "GetOverlappedResult");
     PFILE_OBJECT file = ReferenceFile(hFile);
-    if (file == nullptr)
+    if (file == nullptr) {
+        if (BridgeIsRemote(hFile))
+            return BridgeGetOverlappedResult(hFile, lpOverlapped, lpNumberOfBytesTransferred, bWait);
         return FALSE;
+    }
     auto inFlight = [lpOverlapped] {
         return static_cast<NTSTATUS>(__atomic_load_n(&lpOverlapped->Internal, __ATOMIC_ACQUIRE)) ==
                STATUS_PENDING;
@@ -393,6 +406,12 @@ BOOL GetOverlappedResult(HANDLE hFile, LPOVERLAPPED lpOverlapped,
 BOOL CancelIoEx(HANDLE hFile, LPOVERLAPPED lpOverlapped)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "CancelIoEx");
+    if (BridgeIsRemote(hFile)) {
+        if (BridgeCancel(hFile, lpOverlapped, false) != 0)
+            return TRUE;
+        SetLastError(ERROR_NOT_FOUND);
+        return FALSE;
+    }
     PFILE_OBJECT file = ReferenceFile(hFile);
     if (file == nullptr)
         return FALSE;
@@ -409,6 +428,10 @@ BOOL CancelIoEx(HANDLE hFile, LPOVERLAPPED lpOverlapped)
 BOOL CancelIo(HANDLE hFile)
 {
     RequireIrqlAtMost(PASSIVE_LEVEL, "CancelIo");
+    if (BridgeIsRemote(hFile)) {
+        BridgeCancel(hFile, nullptr, true);
+        return TRUE;
+    }
     PFILE_OBJECT file = ReferenceFile(hFile);
     if (file == nullptr)
         return FALSE;

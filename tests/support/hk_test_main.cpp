@@ -5,6 +5,7 @@
 #include "hk_test_support.h"
 
 #include <stdio.h>
+#include <stdlib.h>
 
 #include <vector>
 
@@ -53,6 +54,8 @@ ExpectVerifierFinding::~ExpectVerifierFinding()
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
+    /* A test that opens a device it did not load must not reach a daemon someone runs on this machine. */
+    setenv("NDISFILTER_SOCKET", "/nonexistent/ndisfilter.sock", 0);
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     testing::UnitTest::GetInstance()->listeners().Append(new VerifierFindingsListener);
     return RUN_ALL_TESTS();

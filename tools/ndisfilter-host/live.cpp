@@ -11,6 +11,7 @@
 #include "capture-files.h"
 #include "capture-logs.h"
 #include "control-plane.h"
+#include "daemon.h"
 #include "ctl.h"
 #include "drivers.h"
 
@@ -94,10 +95,11 @@ const char *WaitForStop(const sigset_t &stop, unsigned seconds)
 }
 
 /* Whether nothing is in flight: injected-packet queues, packets out of the hook driver, both rings. */
-bool Drained(const ApplicationSide &application)
+bool Drained(const ApplicationSide *application)
 {
     for (int quietLooks = 0, tries = 0; tries < 10000; tries++) {
-        bool quiet = Filter_GetInjectPacketCount() == 0 && NdisHookPacketsOutstanding() == 0 && application.Idle();
+        bool quiet = Filter_GetInjectPacketCount() == 0 && NdisHookPacketsOutstanding() == 0 &&
+                     (application == nullptr || application->Idle());
         quietLooks = quiet ? quietLooks + 1 : 0;
         if (quietLooks == 2)
             return true;
@@ -173,13 +175,16 @@ void RunAdapters(const Options &options, const sigset_t &stop, DriverStack &driv
             problems->push_back("ndisfilterctl adapters failed");
     }
 
+    /* As a daemon, user programs in other processes take the share and start the capture logs. */
     CaptureLogs logs;
-    bool logging = logs.Prepare(options.CaptureLogDir, &error) && logs.Start(&error);
-    if (!logging)
+    bool logging = false;
+    if (!logs.Prepare(options.CaptureLogDir, &error))
+        problems->push_back(error);
+    else if (!options.Daemon && !(logging = logs.Start(&error)))
         problems->push_back(error);
     ApplicationSide application;
-    bool applicationStarted = application.Start(&error);
-    if (!applicationStarted)
+    bool applicationStarted = !options.Daemon && application.Start(&error);
+    if (!options.Daemon && !applicationStarted)
         problems->push_back("application side: " + error);
     ULONG firstId = 0;
     Filter_AdapterToId(adapters.front()->Handle(), &firstId);
@@ -191,19 +196,27 @@ void RunAdapters(const Options &options, const sigset_t &stop, DriverStack &driv
             problems->push_back(error);
     }
 
-    std::printf("running on %zu live adapter(s) until SIGINT or SIGTERM", adapters.size());
-    if (options.DurationSeconds != 0)
-        std::printf(" or %u s", options.DurationSeconds);
-    std::printf("\n");
     const auto started = std::chrono::steady_clock::now();
-    const char *why = WaitForStop(stop, options.DurationSeconds);
+    const char *why = "SIGINT or SIGTERM";
+    if (options.Daemon) {
+        DaemonReport daemon;
+        Adapters none;
+        ServeDaemon(options, none, &daemon);
+        problems->insert(problems->end(), daemon.Problems.begin(), daemon.Problems.end());
+    } else {
+        std::printf("running on %zu live adapter(s) until SIGINT or SIGTERM", adapters.size());
+        if (options.DurationSeconds != 0)
+            std::printf(" or %u s", options.DurationSeconds);
+        std::printf("\n");
+        why = WaitForStop(stop, options.DurationSeconds);
+    }
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     std::printf("stopping on %s after %.1f s\n", why, seconds);
 
     /* No new frames; what is in flight still reaches the devices, then the adapters close. */
     for (auto &adapter : adapters)
         adapter->StopReading();
-    if (!Drained(application))
+    if (!Drained(options.Daemon ? nullptr : &application))
         problems->push_back("not drained: " + std::to_string(Filter_GetInjectPacketCount()) +
                             " injected packets queued, " + std::to_string(NdisHookPacketsOutstanding()) +
                             " packets out of the hook driver");
@@ -263,18 +276,22 @@ void RunAdapters(const Options &options, const sigset_t &stop, DriverStack &driv
             unsigned long long out = total.ToWire + total.ToStack + total.WriteErrors +
                                      Sum(counters.Firewall.Discarded, chains) +
                                      Sum(counters.Injector.InjectFailed, chains);
+            /* As a daemon, what user programs sent through the rings is not known here. */
+            const char *unchecked = anyGone          ? "; not checked: an adapter went away"
+                                    : options.Daemon ? "; not checked: user programs sent what they sent"
+                                                     : "";
             std::printf("balance: %llu frames in, %llu out (delivered, refused by a device or discarded)%s\n", in,
-                        out, anyGone ? "; not checked: an adapter went away" : "");
-            if (!anyGone && in != out)
+                        out, unchecked);
+            if (*unchecked == 0 && in != out)
                 problems->push_back("balance: " + std::to_string(in) + " frames in, " + std::to_string(out) + " out");
         }
-        for (const ControlAnswer &answer : AskControlPlane()) {
+        for (const ControlAnswer &answer : options.Daemon ? std::vector<ControlAnswer>() : AskControlPlane()) {
             std::printf("$ ndisfilterctl %s\n%s", answer.Command.c_str(), answer.Output.c_str());
             if (answer.Status != 0)
                 problems->push_back("ndisfilterctl " + answer.Command + " failed");
         }
     }
-    if (logging)
+    if (logging || options.Daemon)
         ListCaptureLogs(options.CaptureLogDir, problems);
 
     NDIS_HOOK_STATISTICS hook;
@@ -295,7 +312,8 @@ int RunLive(const Options &options)
     sigemptyset(&stop);
     sigaddset(&stop, SIGINT);
     sigaddset(&stop, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    if (!options.Daemon) /* the daemon takes them through handlers of its own */
+        pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
     std::vector<std::string> problems;
     {

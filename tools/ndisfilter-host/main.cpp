@@ -24,6 +24,7 @@
 #include "adapters.h"
 #include "application.h"
 #include "capture-logs.h"
+#include "daemon.h"
 #include "drivers.h"
 #include "flows.h"
 #include "live.h"
@@ -237,6 +238,23 @@ int main(int argc, char **argv)
     if (!host::ReadCaptures(options.Captures, &adapters, &error)) {
         std::fprintf(stderr, "ndisfilter-host: %s\n", error.c_str());
         return 2;
+    }
+
+    if (options.Daemon) {
+        host::DaemonReport daemon;
+        {
+            host::DriverStack drivers;
+            if (drivers.Load(options, &error))
+                host::ServeDaemon(options, adapters, &daemon);
+            else
+                daemon.Problems.push_back(error);
+            drivers.UnloadClients();
+            host::CloseAdapters(adapters);
+            drivers.Unload();
+        }
+        std::vector<std::string> findings = hk::TakeVerifierFindings();
+        host::PrintDaemonReport(adapters, daemon, findings);
+        return daemon.Problems.empty() && findings.empty() ? 0 : 1;
     }
 
     RunReport report;

@@ -108,9 +108,16 @@ void PrintUsage()
                  "                          instead of captures, live adapters: the wire is interface IFACE\n"
                  "                          (e.g. a veth end), the protocols the network stack on TAP device\n"
                  "                          TAP, both in network namespace NETNS (default ours); repeatable\n"
-                 "  --duration SECONDS      live: stop after this long (default: at SIGINT or SIGTERM)\n"
+                 "  --duration SECONDS      live: stop after this long (default: at SIGINT or SIGTERM; not\n"
+                 "                          with --daemon, which serves the live adapters until a signal)\n"
                  "  --app-frame HEX         live: a frame the application sends to the first adapter's wire\n"
-                 "                          once running (repeatable)\n");
+                 "                          once running (repeatable)\n"
+                 "  --daemon                instead of the run: open the adapters and serve \\\\.\\NdisFilter to\n"
+                 "                          user programs in other processes until SIGINT or SIGTERM\n"
+                 "                          (SIGUSR1 replays the captures)\n"
+                 "  --socket PATH           the daemon's socket (default $NDISFILTER_SOCKET, else\n"
+                 "                          $XDG_RUNTIME_DIR/ndisfilter/ndisfilter.sock, else\n"
+                 "                          /tmp/ndisfilter-<uid>/ndisfilter.sock)\n");
 }
 
 bool ParseOptions(int argc, char **argv, Options *options, std::string *error)
@@ -127,6 +134,8 @@ bool ParseOptions(int argc, char **argv, Options *options, std::string *error)
             options->Quiet = true;
         } else if (arg == "--no-examples") {
             options->Examples = false;
+        } else if (arg == "--daemon") {
+            options->Daemon = true;
         } else if (hasValue && ParseDriverOption(arg, argv[i + 1], options, error)) {
             i++;
         } else if (!error->empty()) {
@@ -157,6 +166,8 @@ bool ParseOptions(int argc, char **argv, Options *options, std::string *error)
             options->DurationSeconds = (unsigned)number;
         } else if (arg == "--app-frame") {
             options->LiveAppFrames.push_back(argv[++i]);
+        } else if (arg == "--socket") {
+            options->SocketPath = argv[++i];
         } else if (arg == "--pcap") {
             options->Captures.push_back(argv[++i]);
         } else if (arg == "--out") {

@@ -35,6 +35,8 @@ struct Options {
     std::vector<std::string> Live;
     unsigned DurationSeconds = 0; /* live: 0 runs until SIGINT or SIGTERM */
     std::vector<std::string> LiveAppFrames; /* live: hex frames the application sends to the wire at the start */
+    bool Daemon = false;    /* serve the control device to other processes instead of the run */
+    std::string SocketPath; /* the daemon's socket; empty: the bridge's default */
 };
 
 /* Parses argv; FALSE (with `error` set, empty for --help) when the program should not run. */
