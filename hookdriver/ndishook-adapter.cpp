@@ -360,7 +360,8 @@ EXTERN_C VOID NTAPI NhGetTcpIpBoundAdapters(PVOID AdapterList)
 
 /* ---- delivered frames ---- */
 
-/* NhRecordDelivery - keeps a copy of a frame passed on by the adapter. IRQL <= DISPATCH_LEVEL. */
+/* NhRecordDelivery - keeps a copy of a frame passed on by the adapter, or hands it to the adapter's
+ * delivery sink when it has one. IRQL <= DISPATCH_LEVEL. */
 VOID NhRecordDelivery(PNhAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG Length)
 {
     PNH_DELIVERY_SINK sink;

@@ -243,7 +243,7 @@ VOID NhCloseAllAdapters(VOID);
 /* Frees every adapter record with its deliveries (at unload, after the packets). */
 VOID NhFreeAdapters(VOID);
 
-/* Records a frame delivered on an adapter (NH_TO_PROTOCOL / NH_TO_ADAPTER). */
+/* Records a frame delivered on an adapter (NH_TO_PROTOCOL / NH_TO_ADAPTER), or hands it to its sink. */
 VOID NhRecordDelivery(PNhAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG Length);
 ULONG NhDeliveredCount(PFilterAdapter Adapter, ULONG Index);
 /* Copies delivery `Position`; STATUS_NOT_FOUND when there is none, STATUS_BUFFER_TOO_SMALL
