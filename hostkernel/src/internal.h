@@ -25,7 +25,8 @@ void *MapSecondView(const void *address, size_t length);
 void UnmapSecondView(void *viewAddress, size_t length);
 // The pages of [address, address+length) of a pool allocation as a file another process
 // can map: a new descriptor (the caller closes it), the offset of the first page in it
-// and the mapped length; -1 when the range is not inside one page-backed block.
+// and the mapped length; -1 when the range is not inside one page-backed block of 64 KiB
+// or more (smaller blocks do not keep their file).
 int PoolPagesFile(const void *address, size_t length, size_t *fileOffset, size_t *mappedLength);
 
 } // namespace hk

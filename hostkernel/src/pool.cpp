@@ -11,8 +11,9 @@
  * Blocks of a page or more are page aligned and backed by shared memory
  * (memfd), so the same pages can be mapped a second time at another address
  * (MapSecondView, the user-mode view that MmMapLockedPages gives). A live
- * page-backed block keeps its memfd open, so its pages can also be handed to
- * another process (PoolPagesFile, for a user program on the bridge).
+ * page-backed block of 64 KiB or more keeps its memfd open, so its pages can
+ * also be handed to another process (PoolPagesFile, for a user program on the
+ * bridge); smaller ones close it, so descriptors stay few.
  */
 #include "core_internal.h"
 
@@ -38,6 +39,8 @@ constexpr ULONG kDefaultTag = HK_POOL_TAG('N', 'o', 'n', 'e');
 constexpr size_t kQuarantineMaxBlocks = 4096;
 constexpr size_t kQuarantineMaxBytes = 64u << 20;
 constexpr size_t kSmallAlignment = 16;
+// Page-backed blocks from this size on keep their memfd (PoolPagesFile).
+constexpr size_t kShareableBytes = 64u << 10;
 
 struct Block {
     size_t size;   // bytes asked for
@@ -101,7 +104,8 @@ bool TakeInjectedFailure(PoolState &state, ULONG tag)
     return false;
 }
 
-/* Page-aligned shared pages for `size` bytes, or nullptr; *fd keeps their memfd open. */
+/* Page-aligned shared pages for `size` bytes, or nullptr; *fd keeps their memfd open for
+ * a block of kShareableBytes or more, else it is -1. */
 void *MapPages(size_t size, size_t *mapped, int *fd)
 {
     *mapped = ROUND_TO_PAGES(size);
@@ -111,12 +115,11 @@ void *MapPages(size_t size, size_t *mapped, int *fd)
     void *pages = MAP_FAILED;
     if (ftruncate(*fd, static_cast<off_t>(*mapped)) == 0)
         pages = mmap(nullptr, *mapped, PROT_READ | PROT_WRITE, MAP_SHARED, *fd, 0);
-    if (pages == MAP_FAILED) {
+    if (pages == MAP_FAILED || size < kShareableBytes) {
         close(*fd);
         *fd = -1;
-        return nullptr;
     }
-    return pages;
+    return pages == MAP_FAILED ? nullptr : pages;
 }
 
 /* Returns a block's memory to the host. */
@@ -175,7 +178,8 @@ void FreeBlock(PVOID p, bool checkTag, ULONG tag, const char *api)
     state.live.erase(found);
     if (block.mapped != 0) {
         state.pageBacked.erase(address);
-        close(block.fd); // the quarantined pages stay mapped; nobody hands them out any more
+        if (block.fd >= 0)
+            close(block.fd); // the quarantined pages stay mapped; nobody hands them out any more
     }
     Quarantine(state, address, block);
 }
@@ -252,9 +256,10 @@ void *MapSecondView(const void *address, size_t length)
     return static_cast<char *>(view) + (start - firstPage);
 }
 
-/* The memfd behind the pages of [address, address + length) of a live page-backed block,
- * duplicated for the caller (who closes it), with the offset in it of the first of those
- * pages and their mapped length; -1 when the range is not inside one such block. */
+/* The memfd behind the pages of [address, address + length) of a live page-backed block of
+ * kShareableBytes or more, duplicated for the caller (who closes it), with the offset in it
+ * of the first of those pages and their mapped length; -1 when the range is not inside one
+ * such block. */
 int PoolPagesFile(const void *address, size_t length, size_t *fileOffset, size_t *mappedLength)
 {
     const uintptr_t start = reinterpret_cast<uintptr_t>(address);
@@ -269,7 +274,7 @@ int PoolPagesFile(const void *address, size_t length, size_t *fileOffset, size_t
     const uintptr_t firstPage = start & ~static_cast<uintptr_t>(PAGE_SIZE - 1);
     *fileOffset = firstPage - block->first;
     *mappedLength = ROUND_TO_PAGES(start + length) - firstPage;
-    return fcntl(block->second.second, F_DUPFD_CLOEXEC, 0);
+    return block->second.second < 0 ? -1 : fcntl(block->second.second, F_DUPFD_CLOEXEC, 0);
 }
 
 /* Removes a mapping made by MapSecondView (viewAddress as it returned). */

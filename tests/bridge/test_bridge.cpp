@@ -243,39 +243,18 @@ int Connect(const std::string &path)
     return fd;
 }
 
-void Send(int fd, wire::Type type, uint32_t handle, uint32_t id, const std::vector<uint8_t> &body,
-          uint32_t claimedLength = UINT32_MAX)
+/* The next answer's header and the first record of its body (zero when the daemon hung up). */
+template <typename Record> Record Answer(int fd, wire::Header *header)
 {
-    wire::Header header = {claimedLength == UINT32_MAX ? (uint32_t)body.size() : claimedLength, (uint16_t)type, 0,
-                           handle, id};
-    std::vector<uint8_t> message((const uint8_t *)&header, (const uint8_t *)(&header + 1));
-    message.insert(message.end(), body.begin(), body.end());
-    ASSERT_EQ(send(fd, message.data(), message.size(), MSG_NOSIGNAL), (ssize_t)message.size());
-}
-
-template <typename Record> std::vector<uint8_t> Bytes(const Record &record, const std::vector<uint8_t> &tail = {})
-{
-    std::vector<uint8_t> bytes((const uint8_t *)&record, (const uint8_t *)(&record + 1));
-    bytes.insert(bytes.end(), tail.begin(), tail.end());
-    return bytes;
-}
-
-std::vector<uint8_t> Name(const std::u16string &name)
-{
-    return std::vector<uint8_t>((const uint8_t *)name.data(), (const uint8_t *)(name.data() + name.size()));
-}
-
-/* The next message's header and the first record of its body; false when the daemon hung up. */
-template <typename Record> bool Receive(int fd, wire::Header *header, Record *record)
-{
-    if (recv(fd, header, sizeof(*header), MSG_WAITALL) != (ssize_t)sizeof(*header))
-        return false;
-    std::vector<uint8_t> body(header->bodyLength);
-    if (!body.empty() && recv(fd, body.data(), body.size(), MSG_WAITALL) != (ssize_t)body.size())
-        return false;
-    std::memset(record, 0, sizeof(*record));
-    std::memcpy(record, body.data(), std::min(body.size(), sizeof(*record)));
-    return true;
+    Record record{};
+    std::memset(header, 0, sizeof(*header));
+    std::vector<uint8_t> body;
+    if (wire::ReceiveExactly(fd, header, sizeof(*header)) && header->bodyLength <= (1u << 20)) {
+        body.resize(header->bodyLength);
+        wire::ReceiveExactly(fd, body.data(), body.size());
+        std::memcpy(&record, body.data(), std::min(body.size(), sizeof(record)));
+    }
+    return record;
 }
 
 bool HungUp(int fd)
@@ -288,52 +267,49 @@ bool HungUp(int fd)
 TEST_F(BridgeTest, HostileMessagesAreRefused)
 {
     int early = Connect(m_socket);
-    Send(early, wire::Type::Open, 0, 1, {});
+    wire::SendMessage(early, wire::Type::Open, 0, 1, nullptr, 0);
     EXPECT_TRUE(HungUp(early)) << "a message before the greeting ends the connection";
     close(early);
 
     int fd = Connect(m_socket);
-    Send(fd, wire::Type::Hello, 0, 0, Bytes(wire::Hello{wire::kVersion, 0, 0x300000000000ull, wire::kWindowSize}));
+    wire::Hello hello = {wire::kVersion, 0, 0x300000000000ull, wire::kWindowSize};
+    wire::SendMessage(fd, wire::Type::Hello, 0, 0, &hello, sizeof(hello));
     wire::Header header;
-    wire::Complete complete;
-    Send(fd, wire::Type::Request, 77, 1, Bytes(wire::Request{IRP_MJ_DEVICE_CONTROL, {}, 0, 0, 0, 0}));
-    ASSERT_TRUE(Receive(fd, &header, &complete));
-    EXPECT_EQ(complete.win32Error, (uint32_t)ERROR_INVALID_HANDLE);
+    wire::Request request = {IRP_MJ_DEVICE_CONTROL, {}, 0, 0, 0, 0};
+    wire::SendMessage(fd, wire::Type::Request, 77, 1, &request, sizeof(request));
+    EXPECT_EQ(Answer<wire::Complete>(fd, &header).win32Error, (uint32_t)ERROR_INVALID_HANDLE);
 
-    wire::Opened opened;
     const struct {
         std::u16string Name;
-        uint32_t Units;
-        uint32_t Error;
+        uint32_t Units, Error;
     } opens[] = {{u"\\\\.\\NdisFilter", 4000, ERROR_FILE_NOT_FOUND},
                  {u"C:\\secret", 9, ERROR_PATH_NOT_FOUND},
-                 {std::u16string(u"\\\\.\\Ndis\0Filter", 15), 15, ERROR_PATH_NOT_FOUND}};
+                 {std::u16string(u"\\\\.\\Ndis\0Filter", 15), 15, ERROR_PATH_NOT_FOUND},
+                 {u"\\\\.\\NdisFilter", 14, 0}};
     for (const auto &open : opens) {
-        Send(fd, wire::Type::Open, 0, 2, Bytes(wire::Open{GENERIC_ALL, 0, 0, open.Units}, Name(open.Name)));
-        ASSERT_TRUE(Receive(fd, &header, &opened));
-        EXPECT_EQ(opened.win32Error, open.Error);
-        EXPECT_EQ(header.handle, 0u);
+        wire::Open message = {GENERIC_ALL, 0, 0, open.Units};
+        wire::SendMessage(fd, wire::Type::Open, 0, 2, &message, sizeof(message), open.Name.data(), open.Name.size() * 2);
+        EXPECT_EQ(Answer<wire::Opened>(fd, &header).win32Error, open.Error);
+        EXPECT_EQ(header.handle != 0, open.Error == 0);
     }
-    Send(fd, wire::Type::Open, 0, 3, Bytes(wire::Open{GENERIC_ALL, 0, 0, 14}, Name(u"\\\\.\\NdisFilter")));
-    ASSERT_TRUE(Receive(fd, &header, &opened));
     uint32_t handle = header.handle;
-    ASSERT_NE(handle, 0u);
-    Send(fd, wire::Type::Request, handle, 4, Bytes(wire::Request{IRP_MJ_DEVICE_CONTROL, {}, 0, 100, 0, 0}));
-    ASSERT_TRUE(Receive(fd, &header, &complete));
-    EXPECT_EQ(complete.win32Error, (uint32_t)ERROR_INVALID_PARAMETER) << "input shorter than announced";
-    Send(fd, wire::Type::Request, handle, 5, Bytes(wire::Request{0x33, {}, 0, 0, 0, 0}));
-    ASSERT_TRUE(Receive(fd, &header, &complete));
-    EXPECT_EQ(complete.win32Error, (uint32_t)ERROR_INVALID_PARAMETER) << "unknown major function";
-    Send(fd, wire::Type::Cancel, handle, 999, {});
-    Send(fd, wire::Type::Close, 999, 0, {});
-    Send(fd, wire::Type::Request, handle, 6,
-         Bytes(wire::Request{IRP_MJ_DEVICE_CONTROL, {}, IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, 0, 4, 0}));
-    ASSERT_TRUE(Receive(fd, &header, &complete));
+    request.inputLength = 100;
+    wire::SendMessage(fd, wire::Type::Request, handle, 4, &request, sizeof(request));
+    EXPECT_EQ(Answer<wire::Complete>(fd, &header).win32Error, (uint32_t)ERROR_INVALID_PARAMETER) << "short input";
+    request = {0x33, {}, 0, 0, 0, 0};
+    wire::SendMessage(fd, wire::Type::Request, handle, 5, &request, sizeof(request));
+    EXPECT_EQ(Answer<wire::Complete>(fd, &header).win32Error, (uint32_t)ERROR_INVALID_PARAMETER) << "unknown major";
+    wire::SendMessage(fd, wire::Type::Cancel, handle, 999, nullptr, 0);
+    wire::SendMessage(fd, wire::Type::Close, 999, 0, nullptr, 0);
+    request = {IRP_MJ_DEVICE_CONTROL, {}, IOCTL_NDIS_FILTER_PUT_SHAREDMEMORYSIZE, 0, 4, 0};
+    wire::SendMessage(fd, wire::Type::Request, handle, 6, &request, sizeof(request));
+    wire::Complete complete = Answer<wire::Complete>(fd, &header);
     EXPECT_EQ(header.id, 6u);
     EXPECT_EQ(complete.status, 0);
     EXPECT_EQ(complete.information, 4u);
 
-    Send(fd, wire::Type::Request, handle, 7, {}, 0x7FFFFFFF);
+    wire::Header huge = {0x7FFFFFFF, (uint16_t)wire::Type::Request, 0, handle, 7};
+    ASSERT_EQ(send(fd, &huge, sizeof(huge), MSG_NOSIGNAL), (ssize_t)sizeof(huge));
     EXPECT_TRUE(HungUp(fd)) << "an oversized message ends the connection";
     close(fd);
     StopDaemon();
