@@ -79,7 +79,8 @@ VOID OpenRecord(PNhAdapter Adapter, const NhAdapterSetup *Setup)
         filter->m_IPConfig.hAdapter = filter;
     }
     FreeDeliveries(Adapter);
-    RtlZeroMemory((PVOID)Adapter->m_PerProcessor, sizeof(Adapter->m_PerProcessor));
+    for (ULONG i = 0; i < NH_MAX_PROCESSORS; i++) /* sink calls of an earlier open may still be counted */
+        RtlZeroMemory((PVOID)Adapter->m_PerProcessor[i].m_nFramesOk, sizeof(Adapter->m_PerProcessor[i].m_nFramesOk));
     Adapter->m_pfDeliverySink = NULL;
     Adapter->m_pDeliveryContext = NULL;
     Adapter->m_nPacketFilter = 0;
@@ -380,16 +381,23 @@ EXTERN_C VOID NTAPI NhGetTcpIpBoundAdapters(PVOID AdapterList)
 
 /*
  * NhRecordDelivery - counts a frame passed on by the adapter and hands it to
- * the adapter's delivery sink, or keeps a copy of it. IRQL <= DISPATCH_LEVEL.
+ * the adapter's delivery sink, or keeps a copy of it. A sink call is counted
+ * on its processor before the sink is read again, so clearing the sink can
+ * wait for the calls that read it (NhSetDeliverySink). IRQL <= DISPATCH_LEVEL.
  */
 VOID NhRecordDelivery(PNhAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG Length)
 {
-    InterlockedIncrement64(&Adapter->m_PerProcessor[KeGetCurrentProcessorNumber() % NH_MAX_PROCESSORS].m_nFramesOk[Index]);
-    PNH_DELIVERY_SINK sink = *(PNH_DELIVERY_SINK volatile *)&Adapter->m_pfDeliverySink;
-    if (sink != NULL) {
-        sink(&Adapter->m_Filter, Index == NH_TO_PROTOCOL ? FILTER_DIRECTION_TO_PROTOCOL : FILTER_DIRECTION_TO_ADAPTER,
-             Frame, Length, Adapter->m_pDeliveryContext);
-        return;
+    auto &local = Adapter->m_PerProcessor[KeGetCurrentProcessorNumber() % NH_MAX_PROCESSORS];
+    InterlockedIncrement64(&local.m_nFramesOk[Index]);
+    if (*(PNH_DELIVERY_SINK volatile *)&Adapter->m_pfDeliverySink != NULL) {
+        InterlockedIncrement(&local.m_nSinkCalls);
+        PNH_DELIVERY_SINK sink = *(PNH_DELIVERY_SINK volatile *)&Adapter->m_pfDeliverySink;
+        if (sink != NULL)
+            sink(&Adapter->m_Filter, Index == NH_TO_PROTOCOL ? FILTER_DIRECTION_TO_PROTOCOL : FILTER_DIRECTION_TO_ADAPTER,
+                 Frame, Length, Adapter->m_pDeliveryContext);
+        InterlockedDecrement(&local.m_nSinkCalls);
+        if (sink != NULL)
+            return;
     }
     PNhDelivery delivery = (PNhDelivery)ExAllocatePoolWithTag(
         NonPagedPool, FIELD_OFFSET(NhDelivery, m_Frame) + (Length != 0 ? Length : 1), NH_DELIVERY_TAG);
@@ -414,16 +422,40 @@ ULONG64 NhFramesOk(PNhAdapter Adapter, ULONG Index)
     return total;
 }
 
-/* NhSetDeliverySink - where an open adapter's delivered frames go (NULL: recorded). */
+/*
+ * NhSetDeliverySink - the deliveries of an open adapter go to Sink from now
+ * on; NULL records them again, and returns only once no sink call is running,
+ * so the sink's resources may go then (the adapter need not be open for that).
+ * IRQL == PASSIVE_LEVEL.
+ */
 NTSTATUS NhSetDeliverySink(PFilterAdapter Adapter, PNH_DELIVERY_SINK Sink, PVOID Context)
 {
-    NhLock lock;
-    PNhAdapter adapter = NhFindOpenAdapterLocked(Adapter);
-    if (adapter == NULL)
-        return NDIS_STATUS_ADAPTER_NOT_FOUND;
-    adapter->m_pDeliveryContext = Context;
-    adapter->m_pfDeliverySink = Sink;
-    return STATUS_SUCCESS;
+    PNhAdapter adapter = NULL;
+    {
+        NhLock lock;
+        for (PLIST_ENTRY link = g_Hook.m_Adapters.Flink; link != &g_Hook.m_Adapters; link = link->Flink) {
+            PNhAdapter candidate = CONTAINING_RECORD(link, NhAdapter, m_Link);
+            if (&candidate->m_Filter == Adapter)
+                adapter = candidate;
+        }
+        if (adapter == NULL || (Sink != NULL && !adapter->m_bOpen))
+            return NDIS_STATUS_ADAPTER_NOT_FOUND;
+        if (Sink != NULL)
+            adapter->m_pDeliveryContext = Context;
+        InterlockedExchangePointer((PVOID volatile *)&adapter->m_pfDeliverySink, (PVOID)Sink);
+    }
+    if (Sink != NULL)
+        return STATUS_SUCCESS;
+    for (;;) {
+        LONG running = 0;
+        for (ULONG i = 0; i < NH_MAX_PROCESSORS; i++)
+            running += InterlockedCompareExchange(&adapter->m_PerProcessor[i].m_nSinkCalls, 0, 0);
+        if (running == 0)
+            return STATUS_SUCCESS;
+        LARGE_INTEGER interval;
+        interval.QuadPart = -10000; /* 1 ms */
+        KeDelayExecutionThread(KernelMode, FALSE, &interval);
+    }
 }
 
 /* NhDeliveredCount - frames recorded for an open adapter in one direction. */
@@ -476,3 +508,4 @@ VOID NhClearDelivered(PFilterAdapter Adapter)
     if (adapter != NULL)
         FreeDeliveries(adapter);
 }
+

@@ -76,12 +76,13 @@ typedef struct _NhAdapter {
     WCHAR m_wszDeviceName[NH_ADAPTER_NAME_CHARS]; /* behind m_Filter.m_AdapterName */
     LIST_ENTRY m_Delivered[2]; /* NhDelivery, by NH_TO_PROTOCOL / NH_TO_ADAPTER */
     ULONG m_nDelivered[2];
-    /* where delivered frames go instead of m_Delivered (host control); set while no frame flows */
+    /* where delivered frames go instead of m_Delivered (host control) */
     PNH_DELIVERY_SINK m_pfDeliverySink;
     PVOID m_pDeliveryContext;
-    /* what the miniport answers to NDIS requests; reset when the adapter opens */
     struct alignas(64) {
+        /* what the miniport answers to NDIS requests; reset when the adapter opens */
         volatile LONG64 m_nFramesOk[2]; /* by NH_TO_PROTOCOL (received) / NH_TO_ADAPTER (sent) */
+        volatile LONG m_nSinkCalls;     /* sink calls begun here less those ended here */
     } m_PerProcessor[NH_MAX_PROCESSORS];
     ULONG m_nPacketFilter;
     ULONG m_nLookahead;
@@ -281,19 +282,19 @@ VOID NhCloseAllAdapters(VOID);
 /* Frees every adapter record with its deliveries (at unload, after the packets). */
 VOID NhFreeAdapters(VOID);
 
-/* Records a frame delivered on an adapter (NH_TO_PROTOCOL / NH_TO_ADAPTER), or hands it to the
- * adapter's delivery sink. */
+/* Records a frame delivered on an adapter (NH_TO_PROTOCOL / NH_TO_ADAPTER), or hands it to its sink. */
 VOID NhRecordDelivery(PNhAdapter Adapter, ULONG Index, const UCHAR *Frame, ULONG Length);
 /* Frames passed on by an adapter in one direction since it opened (the miniport's counter). */
 ULONG64 NhFramesOk(PNhAdapter Adapter, ULONG Index);
-/* Sends the frames an open adapter delivers to Sink (NULL: records them again). */
-NTSTATUS NhSetDeliverySink(PFilterAdapter Adapter, PNH_DELIVERY_SINK Sink, PVOID Context);
 ULONG NhDeliveredCount(PFilterAdapter Adapter, ULONG Index);
 /* Copies delivery `Position`; STATUS_NOT_FOUND when there is none, STATUS_BUFFER_TOO_SMALL
  * (with *Length set) when it does not fit. With Remove the delivery copied is forgotten. */
 NTSTATUS NhGetDelivered(PFilterAdapter Adapter, ULONG Index, ULONG Position, PVOID Buffer,
                         ULONG BufferSize, PULONG Length, BOOLEAN Remove);
 VOID NhClearDelivered(PFilterAdapter Adapter);
+/* Hands the deliveries of an open adapter to Sink from now on (NULL: records them again); clearing
+ * waits until the sink calls running have returned. IRQL == PASSIVE_LEVEL. */
+NTSTATUS NhSetDeliverySink(PFilterAdapter Adapter, PNH_DELIVERY_SINK Sink, PVOID Context);
 
 /* ---- packets (ndishook-packet.cpp) ---- */
 NTSTATUS NhInitializePackets(VOID);

@@ -196,14 +196,17 @@ NTSTATUS NdisHookTakeDelivered(PFilterAdapter Adapter, ULONG Direction, PVOID Bu
 VOID NdisHookClearDelivered(PFilterAdapter Adapter);
 
 /*
- * Frames delivered on an open adapter go to Sink as they come instead of
- * being recorded: at DISPATCH_LEVEL, on the thread that delivers them (several
- * threads may call it at once); Direction is FILTER_DIRECTION_*. NULL records
- * frames again. Set and remove it while no frame flows on the adapter. The
- * adapter's frame counters count the frames either way.
+ * A device behind an adapter: from NdisHookSetDeliverySink on, what leaves
+ * the hook driver on the adapter is handed to Sink (Direction
+ * FILTER_DIRECTION_TO_PROTOCOL or FILTER_DIRECTION_TO_ADAPTER, the frame only
+ * for the call) instead of being recorded. Sink runs at IRQL <= DISPATCH_LEVEL,
+ * on whichever thread delivers, and must not block. A NULL Sink records the
+ * deliveries again and returns once no call of the old sink is running (the
+ * adapter may be closed by then). NDIS_STATUS_ADAPTER_NOT_FOUND for a handle
+ * that is not an adapter's (or not open, when setting). IRQL == PASSIVE_LEVEL.
  */
-typedef VOID (*PNDIS_HOOK_DELIVERY_SINK)(PFilterAdapter Adapter, ULONG Direction, const UCHAR *Frame,
-                                         ULONG Length, PVOID Context);
+typedef VOID (*PNDIS_HOOK_DELIVERY_SINK)(PFilterAdapter Adapter, ULONG Direction, const UCHAR *Frame, ULONG Length,
+                                         PVOID Context);
 NTSTATUS NdisHookSetDeliverySink(PFilterAdapter Adapter, PNDIS_HOOK_DELIVERY_SINK Sink, PVOID Context);
 
 /* ======================================================================

@@ -93,6 +93,18 @@ bool CaptureWriter::Close(std::string *error)
     return flushed;
 }
 
+bool CountFrames(const std::string &path, size_t *frames, std::string *error)
+{
+    CaptureReader reader;
+    *frames = 0;
+    if (!reader.Open(path, error))
+        return false;
+    FrameView frame;
+    while (reader.Next(&frame))
+        (*frames)++;
+    *error = reader.Error();
+    return error->empty();
+}
 bool WriteCapture(const std::string &path, const std::vector<CapturedFrame> &frames, std::string *error)
 {
     CaptureWriter writer;

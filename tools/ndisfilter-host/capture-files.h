@@ -68,6 +68,9 @@ private:
 };
 
 /* Writes the frames as a pcap file with Ethernet link type; FALSE with `error` set on failure. */
+/* The number of frames in a capture; FALSE with `error` set when it cannot be read to the end. */
+bool CountFrames(const std::string &path, size_t *frames, std::string *error);
+
 bool WriteCapture(const std::string &path, const std::vector<CapturedFrame> &frames, std::string *error);
 
 /* Stamps frames that carry no time of their own: `start` plus one microsecond per frame. */

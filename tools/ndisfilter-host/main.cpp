@@ -31,6 +31,7 @@
 #include "daemon.h"
 #include "drivers.h"
 #include "flows.h"
+#include "live.h"
 #include "options.h"
 #include "report.h"
 
@@ -223,6 +224,8 @@ int main(int argc, char **argv)
     }
     std::setvbuf(stdout, nullptr, _IONBF, 0); /* keep the summary in step with the trace on stderr */
     HkDebugSetEcho(options.Quiet ? FALSE : TRUE);
+    if (!options.Live.empty())
+        return host::RunLive(options);
 
     Adapters adapters;
     if (!host::ReadCaptures(options.Captures, &adapters, &error)) {

@@ -104,6 +104,14 @@ void PrintUsage()
                  "  --set NAME=TEXT         REG_SZ value in the last --driver's service key\n"
                  "  --set-dword NAME=N      REG_DWORD value in the last --driver's service key\n"
                  "  --no-examples           load only the --driver images, not the example clients\n"
+                 "  --live IFACE:TAP[@NETNS][,...]\n"
+                 "                          instead of captures, live adapters: the wire is interface IFACE\n"
+                 "                          (e.g. a veth end), the protocols the network stack on TAP device\n"
+                 "                          TAP, both in network namespace NETNS (default ours); repeatable\n"
+                 "  --duration SECONDS      live: stop after this long (default: at SIGINT or SIGTERM; not\n"
+                 "                          with --daemon, which serves the live adapters until a signal)\n"
+                 "  --app-frame HEX         live: a frame the application sends to the first adapter's wire\n"
+                 "                          once running (repeatable)\n"
                  "  --daemon                instead of the run: open the adapters and serve \\\\.\\NdisFilter to\n"
                  "                          user programs in other processes until SIGINT or SIGTERM\n"
                  "                          (SIGUSR1 replays the captures)\n"
@@ -135,6 +143,29 @@ bool ParseOptions(int argc, char **argv, Options *options, std::string *error)
         } else if (!hasValue) {
             *error = "unknown option or missing value: " + arg;
             return false;
+        } else if (arg == "--live") {
+            std::string list = argv[++i];
+            for (size_t start = 0; start <= list.size();) {
+                size_t comma = list.find(',', start);
+                std::string item = list.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+                size_t colon = item.find(':');
+                if (colon == 0 || colon == std::string::npos || colon + 1 == item.size() || item[colon + 1] == '@') {
+                    *error = "--live takes IFACE:TAP[@NETNS], e.g. nfw0:nftap0";
+                    return false;
+                }
+                options->Live.push_back(item);
+                if (comma == std::string::npos)
+                    break;
+                start = comma + 1;
+            }
+        } else if (arg == "--duration") {
+            if (!ParseUnsigned(argv[++i], 86400, &number)) {
+                *error = "--duration takes seconds";
+                return false;
+            }
+            options->DurationSeconds = (unsigned)number;
+        } else if (arg == "--app-frame") {
+            options->LiveAppFrames.push_back(argv[++i]);
         } else if (arg == "--socket") {
             options->SocketPath = argv[++i];
         } else if (arg == "--pcap") {

@@ -31,6 +31,10 @@ struct Options {
     unsigned AppLoopback = 2;  /* frames the application sends back to itself */
     bool Examples = true;      /* load the example clients */
     std::vector<ClientImage> Drivers; /* further client drivers, loaded after the examples */
+    /* live adapters instead of captures: "<interface>:<tap>[@<netns>]" each */
+    std::vector<std::string> Live;
+    unsigned DurationSeconds = 0; /* live: 0 runs until SIGINT or SIGTERM */
+    std::vector<std::string> LiveAppFrames; /* live: hex frames the application sends to the wire at the start */
     bool Daemon = false;    /* serve the control device to other processes instead of the run */
     std::string SocketPath; /* the daemon's socket; empty: the bridge's default */
 };
