@@ -133,13 +133,7 @@ VOID Deliver(FILTER_TYPE Type, PFilterPacket Packet)
         Filter_InjectPacketToAdapterEx(Packet->m_hAdapter, Packet);
 }
 
-/*
- * Walks the chain of `Type` under its read lock, calling each filter the plan
- * selects until one answers other than BYPASS; then releases, forgets or
- * delivers the packet. A filter that faults is reported and the walk goes on.
- * No allocation and no write lock: this runs for every packet.
- */
-/* TRUE when `Filter` is in the chain at `Head`, decided by address. The caller holds the chain's lock. */
+/* TRUE when `Filter` is in the chain at `Head`, decided by address. The caller reads the chain. */
 BOOLEAN InChain(PLIST_ENTRY Head, PPacketFilter Filter)
 {
     for (PLIST_ENTRY link = Head->Flink; link != Head; link = link->Flink)
@@ -148,6 +142,14 @@ BOOLEAN InChain(PLIST_ENTRY Head, PPacketFilter Filter)
     return FALSE;
 }
 
+/*
+ * Walks the chain of `Type` as a reader of its grace guard (at DISPATCH_LEVEL),
+ * calling each filter the plan selects until one answers other than BYPASS;
+ * then releases, forgets or delivers the packet. A filter that faults is
+ * reported and the walk goes on. No allocation, no lock and no line another
+ * processor writes: this runs for every packet. The counts go to this
+ * processor's slot of each filter.
+ */
 VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPlan &Plan)
 {
     BOOLEAN deliver = TRUE;
@@ -158,7 +160,8 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
     WalkFrame frame;
     BOOLEAN tracked = EnterWalkFrame(&frame, Packet);
     {
-        NfReadLock lock(&g_pGlobal->m_PacketFilterLock[Type]);
+        NfGraceRead walk(&g_pGlobal->m_PacketFilterGrace[Type]);
+        const ULONG slot = walk.Slot();
         PLIST_ENTRY head = &g_pGlobal->m_PacketFilterList[Type];
         /* A filter that has left its chain (and may be freed) is no place to start or stop. */
         if (Plan.Partial && !InChain(head, Plan.Given))
@@ -166,8 +169,10 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
         LONG index = 0;
         PLIST_ENTRY next;
         for (PLIST_ENTRY link = deliver ? head->Flink : head; link != head; link = next) {
-            next = link->Flink;
+            next = *(PLIST_ENTRY volatile *)&link->Flink;
             PPacketFilter filter = CONTAINING_RECORD(link, PacketFilter, m_ListEntry);
+            NfFilterCounts *counts =
+                &filter->m_pCounts[slot < filter->m_nCountSlots ? slot : slot % filter->m_nCountSlots];
             if (Plan.Partial) {
                 if (!active) {
                     if (filter != Plan.Given)
@@ -183,7 +188,7 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
             NF_TRACE(NF_DBG_PACKET, "  %s: %s->Filter[%d] - %*.*s, pPacket=0x%p\n", Name, Filter_TypeString(Type),
                      (int)index++, (int)filter->m_FilterName.Length, (int)filter->m_FilterName.Length,
                      filter->m_FilterName.Buffer, (PVOID)Packet);
-            InterlockedIncrement(&filter->m_PacketProcess);
+            InterlockedIncrement(&counts->m_PacketProcess);
             FILTER_RESULT result = FILTER_RESULT_BYPASS;
             LONG code = FilterGuard([&] {
                 result = filter->m_pfFilterProc(filter->m_hFilterDriver, filter->m_pDriverContext, filter,
@@ -204,24 +209,24 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
                 switch (result) {
                 case FILTER_RESULT_BYPASS:
                     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_BYPASS, pPacket=0x%p\n", Name, (PVOID)Packet);
-                    InterlockedIncrement(&filter->m_PacketBypass);
+                    InterlockedIncrement(&counts->m_PacketBypass);
                     break;
                 case FILTER_RESULT_DISCARD:
                     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_DISCARD, pPacket=0x%p\n", Name, (PVOID)Packet);
                     Filter_DumpPacket("DD Filter Discard", Packet);
-                    InterlockedIncrement(&filter->m_PacketDiscard);
+                    InterlockedIncrement(&counts->m_PacketDiscard);
                     deliver = FALSE;
                     stop = TRUE;
                     break;
                 case FILTER_RESULT_CONSUME:
                     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_CONSUME, pPacket=0x%p\n", Name, (PVOID)Packet);
-                    InterlockedIncrement(&filter->m_PacketConsume);
+                    InterlockedIncrement(&counts->m_PacketConsume);
                     consumed = TRUE;
                     stop = TRUE;
                     break;
                 case FILTER_RESULT_CAPTURE:
                     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_CAPTURE, pPacket=0x%p\n", Name, (PVOID)Packet);
-                    InterlockedIncrement(&filter->m_PacketCapture);
+                    InterlockedIncrement(&counts->m_PacketCapture);
                     deliver = FALSE;
                     stop = TRUE;
                     break;

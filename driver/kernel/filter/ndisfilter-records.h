@@ -15,7 +15,23 @@ struct _FilterDriver {
     PVOID m_pDriverContext;
 };
 
-/* A packet filter in one of the four chains. Its name's characters follow the record. */
+/*
+ * A filter's counts kept by one processor slot, on a cache line of its own.
+ * Walks add to their slot's line; readers sum every slot.
+ */
+typedef struct _NfFilterCounts {
+    volatile LONG m_PacketProcess;
+    volatile LONG m_PacketBypass;
+    volatile LONG m_PacketDiscard;
+    volatile LONG m_PacketConsume;
+    volatile LONG m_PacketCapture;
+    UCHAR m_Padding[64 - 5 * sizeof(LONG)];
+} NfFilterCounts;
+
+/*
+ * A packet filter in one of the four chains. Its name's characters follow
+ * the record, then (from the next 64-byte boundary) its per-slot counts.
+ */
 struct _PacketFilter {
     LIST_ENTRY m_ListEntry;
     ULONG m_Tag; /* FILTER_PACKET_FILTER_TAG */
@@ -26,12 +42,17 @@ struct _PacketFilter {
     PVOID m_pFilterContext;
     FILTER_TYPE m_FilterType;
     ULONG m_FilterOrder;
-    volatile LONG m_PacketProcess;
-    volatile LONG m_PacketBypass;
-    volatile LONG m_PacketDiscard;
-    volatile LONG m_PacketConsume;
-    volatile LONG m_PacketCapture;
+    NfFilterCounts *m_pCounts; /* m_nCountSlots records in the same block */
+    ULONG m_nCountSlots;
+    LIST_ENTRY m_RemovedLink; /* on the remover's list while walks drain */
 };
+
+/*
+ * The exact totals of a filter's counts (their m_Padding is left alone).
+ * Reads only through the record, so callers with a doubtful handle run it
+ * under the fault guard.
+ */
+VOID NdisFilter_SumFilterCounts(const PacketFilter *Filter, NfFilterCounts *Totals);
 
 /* An adapter event handler; at most one per filter driver. */
 struct _EventHandler {
