@@ -78,9 +78,8 @@ EXTERN_C FILTER_STATUS NTAPI Filter_RegisterFilter(PFilterDriver FilterDriver, P
             status = FILTER_ERROR_FILTER_ALREADY_REGISTERED;
             return status;
         }
-        ULONG slots = NfCounterSlots();
         ULONG countsOffset = sizeof(PacketFilter) + FilterName->Length + 2;
-        ULONG size = countsOffset + NF_CACHE_LINE - 1 + slots * sizeof(NfFilterCounts);
+        ULONG size = countsOffset + NF_CACHE_LINE - 1 + NF_FILTER_COUNT_SLOTS * sizeof(NfFilterCounts);
         PPacketFilter filter = (PPacketFilter)NdisFilter_AllocateRecord(size, NF_FILTER_POOL_TAG);
         if (filter != NULL) {
             RtlZeroMemory(filter, size);
@@ -88,7 +87,6 @@ EXTERN_C FILTER_STATUS NTAPI Filter_RegisterFilter(PFilterDriver FilterDriver, P
             NdisFilter_CopyNameBehind(&filter->m_FilterName, filter, sizeof(PacketFilter), FilterName);
             ULONG_PTR counts = (ULONG_PTR)filter + countsOffset;
             filter->m_pCounts = (NfFilterCounts *)((counts + NF_CACHE_LINE - 1) & ~(ULONG_PTR)(NF_CACHE_LINE - 1));
-            filter->m_nCountSlots = slots;
             filter->m_hFilterDriver = FilterDriver;
             filter->m_pDriverContext = FilterDriver->m_pDriverContext;
             filter->m_pfFilterProc = FilterProc;
@@ -346,8 +344,7 @@ VOID NdisFilter_SumFilterCounts(const PacketFilter *Filter, NfFilterCounts *Tota
 {
     Totals->m_PacketProcess = Totals->m_PacketBypass = Totals->m_PacketDiscard = 0;
     Totals->m_PacketConsume = Totals->m_PacketCapture = 0;
-    ULONG slots = Filter->m_nCountSlots < NF_PROCESSOR_SLOTS ? Filter->m_nCountSlots : NF_PROCESSOR_SLOTS;
-    for (ULONG slot = 0; slot < slots; slot++) {
+    for (ULONG slot = 0; slot < NF_FILTER_COUNT_SLOTS; slot++) {
         const NfFilterCounts *counts = &Filter->m_pCounts[slot];
         Totals->m_PacketProcess += counts->m_PacketProcess;
         Totals->m_PacketBypass += counts->m_PacketBypass;

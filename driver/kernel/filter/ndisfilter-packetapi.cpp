@@ -31,8 +31,9 @@ namespace {
  * hand-off entries mark the calling thread's frames that carry their packet.
  * Slots go by thread, not by processor, since a filter may block on the host.
  * No lock and no shared counter: claiming a slot is one compare-exchange.
+ * The filters' counts are kept by walk slot too (NF_WALK_SLOTS in
+ * ndisfilter-records.h).
  */
-#define NF_WALK_SLOTS 32
 
 struct WalkSlot;
 
@@ -161,7 +162,14 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
     BOOLEAN tracked = EnterWalkFrame(&frame, Packet);
     {
         NfGraceRead walk(&g_pGlobal->m_PacketFilterGrace[Type]);
-        const ULONG slot = walk.Slot();
+        /* The walk slot's own line of each filter's counts, or the shared one for an untracked walk. */
+        const ULONG countSlot = tracked ? (ULONG)(frame.Slot - WalkSlots) : NF_WALK_SLOTS;
+        auto count = [tracked](volatile LONG &counter) {
+            if (tracked)
+                counter = counter + 1;
+            else
+                InterlockedIncrement(&counter);
+        };
         PLIST_ENTRY head = &g_pGlobal->m_PacketFilterList[Type];
         /* A filter that has left its chain (and may be freed) is no place to start or stop. */
         if (Plan.Partial && !InChain(head, Plan.Given))
@@ -171,8 +179,7 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
         for (PLIST_ENTRY link = deliver ? head->Flink : head; link != head; link = next) {
             next = *(PLIST_ENTRY volatile *)&link->Flink;
             PPacketFilter filter = CONTAINING_RECORD(link, PacketFilter, m_ListEntry);
-            NfFilterCounts *counts =
-                &filter->m_pCounts[slot < filter->m_nCountSlots ? slot : slot % filter->m_nCountSlots];
+            NfFilterCounts *counts = &filter->m_pCounts[countSlot];
             if (Plan.Partial) {
                 if (!active) {
                     if (filter != Plan.Given)
@@ -188,7 +195,7 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
             NF_TRACE(NF_DBG_PACKET, "  %s: %s->Filter[%d] - %*.*s, pPacket=0x%p\n", Name, Filter_TypeString(Type),
                      (int)index++, (int)filter->m_FilterName.Length, (int)filter->m_FilterName.Length,
                      filter->m_FilterName.Buffer, (PVOID)Packet);
-            InterlockedIncrement(&counts->m_PacketProcess);
+            count(counts->m_PacketProcess);
             FILTER_RESULT result = FILTER_RESULT_BYPASS;
             LONG code = FilterGuard([&] {
                 result = filter->m_pfFilterProc(filter->m_hFilterDriver, filter->m_pDriverContext, filter,
@@ -209,24 +216,24 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
                 switch (result) {
                 case FILTER_RESULT_BYPASS:
                     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_BYPASS, pPacket=0x%p\n", Name, (PVOID)Packet);
-                    InterlockedIncrement(&counts->m_PacketBypass);
+                    count(counts->m_PacketBypass);
                     break;
                 case FILTER_RESULT_DISCARD:
                     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_DISCARD, pPacket=0x%p\n", Name, (PVOID)Packet);
                     Filter_DumpPacket("DD Filter Discard", Packet);
-                    InterlockedIncrement(&counts->m_PacketDiscard);
+                    count(counts->m_PacketDiscard);
                     deliver = FALSE;
                     stop = TRUE;
                     break;
                 case FILTER_RESULT_CONSUME:
                     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_CONSUME, pPacket=0x%p\n", Name, (PVOID)Packet);
-                    InterlockedIncrement(&counts->m_PacketConsume);
+                    count(counts->m_PacketConsume);
                     consumed = TRUE;
                     stop = TRUE;
                     break;
                 case FILTER_RESULT_CAPTURE:
                     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_CAPTURE, pPacket=0x%p\n", Name, (PVOID)Packet);
-                    InterlockedIncrement(&counts->m_PacketCapture);
+                    count(counts->m_PacketCapture);
                     deliver = FALSE;
                     stop = TRUE;
                     break;
@@ -504,15 +511,22 @@ ULONG QueueOf(PFilterPacket Packet)
     return (NfReadWireWord(Packet->m_pIp + 12) + NfReadWireWord(Packet->m_pIp + 16)) & 1;
 }
 
+/*
+ * Appends a packet to its queue. The worker drains until it finds the queue
+ * empty, so only the packet that makes an empty queue non-empty wakes it.
+ */
 VOID Enqueue(PFilterPacket Packet)
 {
     ULONG queue = QueueOf(Packet);
+    BOOLEAN first;
     {
         NfWriteLock lock(&g_pGlobal->m_InjectedPacketLock[queue]);
+        first = IsListEmpty(&g_pGlobal->m_InjectedPacketList[queue]);
         InsertTailList(&g_pGlobal->m_InjectedPacketList[queue], &Packet->m_InjectLink);
         InterlockedIncrement(&g_pGlobal->m_nInjectPacketCount);
     }
-    NdisSetEvent(&g_pGlobal->m_InjectPacketEvent[queue]);
+    if (first)
+        NdisSetEvent(&g_pGlobal->m_InjectPacketEvent[queue]);
 }
 
 FILTER_STATUS InjectLater(PCSTR Name, PFilterAdapter Adapter, PFilterPacket Packet, ULONG Direction, ULONG_PTR Origin)
@@ -642,7 +656,8 @@ VOID DrainQueue(ULONG Queue)
 /*
  * InjectedPacketThread - serves injection queue `StartContext` (0 or 1). Wakes
  * on the queue's event or every 10 ms, so it also notices m_bStopShare
- * without being signalled. IRQL = PASSIVE_LEVEL, priority 16.
+ * without being signalled; after draining it polls the queue briefly before
+ * it sleeps again. IRQL = PASSIVE_LEVEL, priority 16.
  */
 EXTERN_C VOID NTAPI InjectedPacketThread(PVOID StartContext)
 {
@@ -651,9 +666,14 @@ EXTERN_C VOID NTAPI InjectedPacketThread(PVOID StartContext)
     NF_TRACE(NF_DBG_PACKET, "Enter InjectedPacketThread\n");
     NdisFilter_WorkerThreadEnter();
 
+    PLIST_ENTRY head = &global->m_InjectedPacketList[queue];
     while (!global->m_bStopShare) {
         NdisWaitEvent(&global->m_InjectPacketEvent[queue], NF_INJECT_WAIT_MS);
-        DrainQueue(queue);
+        do {
+            DrainQueue(queue);
+        } while (NdisFilter_PollBriefly(
+                     [&] { return *(PLIST_ENTRY volatile *)&head->Flink != head || global->m_bStopShare; }) &&
+                 !global->m_bStopShare);
         /* The event may be reset only while the queue is seen empty under its lock. */
         NfReadLock lock(&global->m_InjectedPacketLock[queue]);
         if (IsListEmpty(&global->m_InjectedPacketList[queue]))

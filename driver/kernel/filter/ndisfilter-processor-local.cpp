@@ -64,13 +64,3 @@ VOID NfGateClose(NfGate *Gate)
     InterlockedExchange(&Gate->m_bClosed, 1);
     WaitDrained(&Gate->m_Inside, 0);
 }
-
-ULONG NfCounterSlots(VOID)
-{
-    static volatile LONG slots = 0;
-    if (slots == 0) {
-        ULONG active = KeQueryActiveProcessorCountEx(ALL_PROCESSOR_GROUPS);
-        slots = (LONG)(active == 0 ? 1 : active > NF_PROCESSOR_SLOTS ? NF_PROCESSOR_SLOTS : active);
-    }
-    return (ULONG)slots;
-}

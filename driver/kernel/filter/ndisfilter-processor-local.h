@@ -129,8 +129,3 @@ FORCEINLINE VOID NfGateLeave(NfGate *Gate, ULONG Slot)
 {
     InterlockedDecrement(&Gate->m_Inside.m_Slots[Slot].m_nCount[0]);
 }
-
-/* ---- per-processor event counters ---- */
-
-/* The number of counter slots a record keeps: the active processors, at most NF_PROCESSOR_SLOTS. */
-ULONG NfCounterSlots(VOID);

@@ -16,9 +16,14 @@ struct _FilterDriver {
 };
 
 /*
- * A filter's counts kept by one processor slot, on a cache line of its own.
- * Walks add to their slot's line; readers sum every slot.
+ * A filter's counts kept by one walk slot, on a cache line of its own. A
+ * walk slot belongs to one thread while its walks last (see
+ * ndisfilter-packetapi.cpp), so that thread adds to its line with plain
+ * increments; the last slot is shared by walks that found no slot and is
+ * only added to with interlocked increments. Readers sum every slot.
  */
+#define NF_WALK_SLOTS 32
+#define NF_FILTER_COUNT_SLOTS (NF_WALK_SLOTS + 1)
 typedef struct _NfFilterCounts {
     volatile LONG m_PacketProcess;
     volatile LONG m_PacketBypass;
@@ -42,8 +47,7 @@ struct _PacketFilter {
     PVOID m_pFilterContext;
     FILTER_TYPE m_FilterType;
     ULONG m_FilterOrder;
-    NfFilterCounts *m_pCounts; /* m_nCountSlots records in the same block */
-    ULONG m_nCountSlots;
+    NfFilterCounts *m_pCounts; /* NF_FILTER_COUNT_SLOTS records in the same block */
     LIST_ENTRY m_RemovedLink; /* on the remover's list while walks drain */
 };
 

@@ -142,11 +142,6 @@ typedef KAFFINITY *PKAFFINITY;
 /* Processor the caller runs on, and the number of processors (with their mask). */
 NTKERNELAPI ULONG NTAPI KeGetCurrentProcessorNumber(VOID);
 NTKERNELAPI ULONG NTAPI KeQueryActiveProcessorCount(PKAFFINITY ActiveProcessors);
-/* The processors of one group, or of all (ALL_PROCESSOR_GROUPS); the host has one group. */
-#ifndef ALL_PROCESSOR_GROUPS
-#define ALL_PROCESSOR_GROUPS 0xffff
-#endif
-NTKERNELAPI ULONG NTAPI KeQueryActiveProcessorCountEx(USHORT GroupNumber);
 
 HK_EXTERN_C_END
 
