@@ -126,13 +126,7 @@ struct WalkPlan {
 };
 
 /* Delivers a packet that every filter let pass, by the type of its chain. */
-VOID Deliver(FILTER_TYPE Type, PFilterPacket Packet)
-{
-    if (Type == FILTER_TYPE_INCOMING_PACKET || Type == FILTER_TYPE_INJECT_TO_PROTOCOL)
-        Filter_IndicatePacketToProtocolEx(Packet->m_hAdapter, Packet);
-    else
-        Filter_InjectPacketToAdapterEx(Packet->m_hAdapter, Packet);
-}
+VOID Deliver(FILTER_TYPE Type, PFilterPacket Packet);
 
 /* TRUE when `Filter` is in the chain at `Head`, decided by address. The caller reads the chain. */
 BOOLEAN InChain(PLIST_ENTRY Head, PPacketFilter Filter)
@@ -253,11 +247,37 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
     if (consumed)
         return; /* the filter owns the packet now */
     if (!deliver) {
-        Filter_ReleasePacket(Packet);
+        NF_RETURN_WALKED_PACKET(Packet);
         return;
     }
     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_BYPASS, pPacket=0x%p\n", Name, (PVOID)Packet);
     Deliver(Type, Packet);
+}
+
+} // namespace
+
+namespace {
+
+/*
+ * Filter_InvokeFilters without the hand-off mark, for packets no walk frame
+ * of this thread carries (from the hook driver, a worker, or an entry that
+ * marked them already).
+ */
+VOID InvokeFilters(FILTER_TYPE Type, PFilterPacket Packet, BOOLEAN HandOn)
+{
+    NF_TRACE(NF_DBG_PACKET, "Enter Filter_InvokeFilters: Filter=%s, pPacket=0x%p\n", Filter_TypeString(Type),
+             (PVOID)Packet);
+    if (Packet == NULL)
+        return;
+    if (HandOn)
+        NdisFilter_PacketHandedOn(Packet); /* a filter running its own packet through a chain */
+    if ((ULONG)Type >= FILTER_TYPE_COUNT) {
+        Filter_ReleasePacket(Packet);
+        return;
+    }
+    WalkPlan plan = {FALSE, FILTER_METHOD_START_FROM_FIRST_FILTER, NULL};
+    WalkChain("Filter_InvokeFilters", Type, Packet, plan);
+    NF_TRACE(NF_DBG_PACKET, "Leave Filter_InvokeFilters\n");
 }
 
 } // namespace
@@ -269,17 +289,7 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
  */
 EXTERN_C VOID NTAPI Filter_InvokeFilters(FILTER_TYPE Type, PFilterPacket Packet)
 {
-    NF_TRACE(NF_DBG_PACKET, "Enter Filter_InvokeFilters: Filter=%s, pPacket=0x%p\n", Filter_TypeString(Type),
-             (PVOID)Packet);
-    if (Packet == NULL)
-        return;
-    if ((ULONG)Type >= FILTER_TYPE_COUNT) {
-        Filter_ReleasePacket(Packet);
-        return;
-    }
-    WalkPlan plan = {FALSE, FILTER_METHOD_START_FROM_FIRST_FILTER, NULL};
-    WalkChain("Filter_InvokeFilters", Type, Packet, plan);
-    NF_TRACE(NF_DBG_PACKET, "Leave Filter_InvokeFilters\n");
+    InvokeFilters(Type, Packet, TRUE);
 }
 
 /*
@@ -295,6 +305,7 @@ EXTERN_C VOID NTAPI Filter_InvokeFiltersEx(FILTER_METHOD Method, PPacketFilter F
     NF_TRACE(NF_DBG_PACKET, "Enter Filter_InvokeFiltersEx: pPacket=0x%p\n", (PVOID)Packet);
     if (Packet == NULL)
         return;
+    NdisFilter_PacketHandedOn(Packet);
     FILTER_TYPE type = FILTER_TYPE_INVALID;
     Filter_GetFilterType(Filter, &type);
     NF_TRACE(NF_DBG_PACKET, "Enter Filter_InvokeFiltersEx: Filter=%s, Method=%s\n", Filter_TypeString(type),
@@ -319,11 +330,11 @@ VOID FilterHookPacket(PFilterPacket Packet, ULONG Direction)
     if (Direction == FILTER_DIRECTION_TO_PROTOCOL) {
         Filter_DumpPacket("/\\ Incoming Packet", Packet);
         NdisFilter_RecordAdapterFrame(Packet->m_hAdapter, NF_ETHRLOG_LOWER, Packet);
-        Filter_InvokeFilters(FILTER_TYPE_INCOMING_PACKET, Packet);
+        InvokeFilters(FILTER_TYPE_INCOMING_PACKET, Packet, FALSE);
     } else {
         Filter_DumpPacket("\\/ Outgoing Packet", Packet);
         NdisFilter_RecordAdapterFrame(Packet->m_hAdapter, NF_ETHRLOG_UPPER, Packet);
-        Filter_InvokeFilters(FILTER_TYPE_OUTGOING_PACKET, Packet);
+        InvokeFilters(FILTER_TYPE_OUTGOING_PACKET, Packet, FALSE);
     }
 }
 
@@ -368,7 +379,7 @@ namespace {
  * and answers the status.
  */
 template <typename Take>
-FILTER_STATUS TakePacket(PCSTR Name, PVOID Target, PFilterPacket Packet, Take &&take)
+FILTER_STATUS TakePacket(PCSTR Name, PVOID Target, PFilterPacket Packet, Take &&take, BOOLEAN HandOn = TRUE)
 {
     FILTER_STATUS status = FILTER_STATUS_SUCCESS;
     NfStatusTrace trace(NF_DBG_PACKET, Name, status);
@@ -376,7 +387,8 @@ FILTER_STATUS TakePacket(PCSTR Name, PVOID Target, PFilterPacket Packet, Take &&
         status = FILTER_ERROR_INVALID_ARGUMENT;
         return status;
     }
-    NdisFilter_PacketHandedOn(Packet);
+    if (HandOn)
+        NdisFilter_PacketHandedOn(Packet);
     if (Target == NULL) {
         Filter_ReleasePacket(Packet);
         status = FILTER_ERROR_INVALID_ARGUMENT;
@@ -392,16 +404,20 @@ FILTER_STATUS TakePacket(PCSTR Name, PVOID Target, PFilterPacket Packet, Take &&
  * so nothing is ever queued for or delivered to it.
  */
 template <typename Take>
-FILTER_STATUS TakeAdapterPacket(PCSTR Name, PFilterAdapter Adapter, PFilterPacket Packet, Take &&take)
+FILTER_STATUS TakeAdapterPacket(PCSTR Name, PFilterAdapter Adapter, PFilterPacket Packet, Take &&take,
+                                BOOLEAN HandOn = TRUE)
 {
-    return TakePacket(Name, Adapter, Packet, [&]() -> FILTER_STATUS {
+    return TakePacket(
+        Name, Adapter, Packet,
+        [&]() -> FILTER_STATUS {
         if (!NdisFilter_IsOpenAdapter(Adapter)) {
             NF_PRINT("%s: adapter 0x%p is not open\n", Name, (PVOID)Adapter);
             Filter_ReleasePacket(Packet);
             return FILTER_ERROR_INVALID_ARGUMENT;
         }
         return take();
-    });
+        },
+        HandOn);
 }
 
 } // namespace
@@ -413,10 +429,13 @@ namespace {
 /*
  * Hands a packet to the hook driver for the adapter or the protocols. A
  * packet that cannot go on is released; once the hook function has it, it is
- * the hook driver's whatever it answers.
+ * the hook driver's whatever it answers. `FromWalk`: the packet is the one a
+ * walk just finished with, already marked as handed on by whoever handed it
+ * to the walk, and its m_hAdapter is `Adapter`; it is only touched under the
+ * guard when it is to be dumped.
  */
 FILTER_STATUS DeliverToHook(PCSTR Name, PCSTR ExceptionName, PCSTR Marker, BOOLEAN ToAdapter, PFilterAdapter Adapter,
-                            PFilterPacket Packet)
+                            PFilterPacket Packet, BOOLEAN FromWalk = FALSE)
 {
     return TakeAdapterPacket(Name, Adapter, Packet, [&]() -> FILTER_STATUS {
         NfHookReference hook;
@@ -426,10 +445,11 @@ FILTER_STATUS DeliverToHook(PCSTR Name, PCSTR ExceptionName, PCSTR Marker, BOOLE
             Filter_ReleasePacket(Packet);
             return FILTER_ERROR_INTERFACE_NOT_ACTIVE;
         }
-        LONG code = FilterGuard([&] {
+        LONG code = !FromWalk || Adapter->m_bPacketDump ? FilterGuard([&] {
             Packet->m_hAdapter = Adapter;
             Filter_DumpPacket(Marker, Packet);
-        });
+        })
+                                                        : 0;
         if (code != 0) {
             /* Not handed over yet: the packet is still ours to release. */
             NF_PRINT("%s: exception, code = %d\n", ExceptionName, (int)code);
@@ -448,7 +468,17 @@ FILTER_STATUS DeliverToHook(PCSTR Name, PCSTR ExceptionName, PCSTR Marker, BOOLE
             status = FILTER_ERROR_EXCEPTION;
         }
         return status;
-    });
+    }, !FromWalk);
+}
+
+VOID Deliver(FILTER_TYPE Type, PFilterPacket Packet)
+{
+    if (Type == FILTER_TYPE_INCOMING_PACKET || Type == FILTER_TYPE_INJECT_TO_PROTOCOL)
+        DeliverToHook("Filter_IndicatePacketToProtocolEx", "Filter_InjectPacketToProtocolEx", "AA Indicate To Protocol",
+                      FALSE, Packet->m_hAdapter, Packet, TRUE);
+    else
+        DeliverToHook("Filter_InjectPacketToAdapterEx", "Filter_InjectPacketToAdapterEx", "VV Inject To Adapter", TRUE,
+                      Packet->m_hAdapter, Packet, TRUE);
 }
 
 } // namespace
@@ -634,16 +664,19 @@ VOID ProcessInjectedPacket(PFilterPacket Packet)
     }
 }
 
-/* Processes the queue's packets one at a time, in order, with the lock free while each is processed. */
-VOID DrainQueue(ULONG Queue)
+/*
+ * Processes the queue's packets one at a time, in order, with the lock free
+ * while each is processed. TRUE when there was at least one.
+ */
+BOOLEAN DrainQueue(ULONG Queue)
 {
     PLIST_ENTRY head = &g_pGlobal->m_InjectedPacketList[Queue];
-    for (;;) {
+    for (BOOLEAN drained = FALSE;; drained = TRUE) {
         PFilterPacket packet;
         {
             NfWriteLock lock(&g_pGlobal->m_InjectedPacketLock[Queue]);
             if (IsListEmpty(head))
-                return;
+                return drained;
             packet = CONTAINING_RECORD(RemoveHeadList(head), FilterPacket, m_InjectLink);
             InterlockedDecrement(&g_pGlobal->m_nInjectPacketCount);
         }
@@ -669,11 +702,11 @@ EXTERN_C VOID NTAPI InjectedPacketThread(PVOID StartContext)
     PLIST_ENTRY head = &global->m_InjectedPacketList[queue];
     while (!global->m_bStopShare) {
         NdisWaitEvent(&global->m_InjectPacketEvent[queue], NF_INJECT_WAIT_MS);
-        do {
-            DrainQueue(queue);
-        } while (NdisFilter_PollBriefly(
-                     [&] { return *(PLIST_ENTRY volatile *)&head->Flink != head || global->m_bStopShare; }) &&
-                 !global->m_bStopShare);
+        /* After a run of packets, more are likely: poll before sleeping. */
+        while (DrainQueue(queue) && !global->m_bStopShare &&
+               NdisFilter_PollBriefly(
+                   [&] { return *(PLIST_ENTRY volatile *)&head->Flink != head || global->m_bStopShare; }))
+            ;
         /* The event may be reset only while the queue is seen empty under its lock. */
         NfReadLock lock(&global->m_InjectedPacketLock[queue]);
         if (IsListEmpty(&global->m_InjectedPacketList[queue]))
