@@ -274,11 +274,10 @@ VOID NdisFilter_PurgeQueuedPackets(PFilterAdapter Adapter, PPacketFilter Filter)
 VOID NdisFilter_PacketHandedOn(PFilterPacket Packet);
 /*
  * Filter_ReleasePacket with the hand-off mark only when `HandOn` says so: a
- * walk giving back the packet it was handed passes FALSE, since whoever
- * handed it over marked it then (ndisfilter-packetapi-packet.cpp).
+ * walk of a packet no walk frame of this thread carries (the hook driver's,
+ * a worker's) passes FALSE (ndisfilter-packetapi-packet.cpp).
  */
 FILTER_STATUS NdisFilter_ReleasePacket(PFilterPacket Packet, PCSTR File, ULONG Line, BOOLEAN HandOn);
-#define NF_RETURN_WALKED_PACKET(Packet) NdisFilter_ReleasePacket((Packet), __FILE__, __LINE__, FALSE)
 
 /* The packet checksum of `Length` bytes as stored into a header (ndisfilter-packetapi-checksum.cpp). */
 EXTERN_C USHORT NdisFilter_Checksum(const UCHAR *Data, ULONG Length);

@@ -70,8 +70,8 @@ VOID NdisFilterBindHookInterface(PNdisHookAPI Caller)
                       NF_HOOK_CALLBACKS_SIZE);
         RtlCopyMemory(Field(own, NF_HOOK_FUNCTIONS_OFFSET), Field(Caller, NF_HOOK_FUNCTIONS_OFFSET),
                       NF_HOOK_FUNCTIONS_SIZE);
-        KeMemoryBarrier(); /* hook references read the flag, then a function */
-        own->m_Flags |= NDIS_HOOK_FLAG_BOUND;
+        /* A full barrier: hook references read the flag, then a function. */
+        InterlockedOr((volatile LONG *)&own->m_Flags, NDIS_HOOK_FLAG_BOUND);
         Caller->m_Flags |= NDIS_HOOK_FLAG_BOUND;
     }
     NdisFilter_ResumeEthrLogs();

@@ -123,10 +123,16 @@ struct WalkPlan {
     BOOLEAN Partial;      /* FALSE: the whole chain */
     FILTER_METHOD Method;
     PPacketFilter Given;
+    /*
+     * TRUE when a client handed the packet to the walk (the exported entries):
+     * its final delivery or release marks it as handed on, for the client's
+     * own walk frames. FALSE for packets of the hook driver and the workers.
+     */
+    BOOLEAN HandOn;
 };
 
 /* Delivers a packet that every filter let pass, by the type of its chain. */
-VOID Deliver(FILTER_TYPE Type, PFilterPacket Packet);
+VOID Deliver(FILTER_TYPE Type, PFilterPacket Packet, BOOLEAN HandOn);
 
 /* TRUE when `Filter` is in the chain at `Head`, decided by address. The caller reads the chain. */
 BOOLEAN InChain(PLIST_ENTRY Head, PPacketFilter Filter)
@@ -247,35 +253,29 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
     if (consumed)
         return; /* the filter owns the packet now */
     if (!deliver) {
-        NF_RETURN_WALKED_PACKET(Packet);
+        NdisFilter_ReleasePacket(Packet, __FILE__, __LINE__, Plan.HandOn);
         return;
     }
     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_BYPASS, pPacket=0x%p\n", Name, (PVOID)Packet);
-    Deliver(Type, Packet);
+    Deliver(Type, Packet, Plan.HandOn);
 }
 
 } // namespace
 
 namespace {
 
-/*
- * Filter_InvokeFilters without the hand-off mark, for packets no walk frame
- * of this thread carries (from the hook driver, a worker, or an entry that
- * marked them already).
- */
+/* Filter_InvokeFilters; `HandOn` as in WalkPlan. */
 VOID InvokeFilters(FILTER_TYPE Type, PFilterPacket Packet, BOOLEAN HandOn)
 {
     NF_TRACE(NF_DBG_PACKET, "Enter Filter_InvokeFilters: Filter=%s, pPacket=0x%p\n", Filter_TypeString(Type),
              (PVOID)Packet);
     if (Packet == NULL)
         return;
-    if (HandOn)
-        NdisFilter_PacketHandedOn(Packet); /* a filter running its own packet through a chain */
     if ((ULONG)Type >= FILTER_TYPE_COUNT) {
         Filter_ReleasePacket(Packet);
         return;
     }
-    WalkPlan plan = {FALSE, FILTER_METHOD_START_FROM_FIRST_FILTER, NULL};
+    WalkPlan plan = {FALSE, FILTER_METHOD_START_FROM_FIRST_FILTER, NULL, HandOn};
     WalkChain("Filter_InvokeFilters", Type, Packet, plan);
     NF_TRACE(NF_DBG_PACKET, "Leave Filter_InvokeFilters\n");
 }
@@ -305,7 +305,6 @@ EXTERN_C VOID NTAPI Filter_InvokeFiltersEx(FILTER_METHOD Method, PPacketFilter F
     NF_TRACE(NF_DBG_PACKET, "Enter Filter_InvokeFiltersEx: pPacket=0x%p\n", (PVOID)Packet);
     if (Packet == NULL)
         return;
-    NdisFilter_PacketHandedOn(Packet);
     FILTER_TYPE type = FILTER_TYPE_INVALID;
     Filter_GetFilterType(Filter, &type);
     NF_TRACE(NF_DBG_PACKET, "Enter Filter_InvokeFiltersEx: Filter=%s, Method=%s\n", Filter_TypeString(type),
@@ -313,7 +312,7 @@ EXTERN_C VOID NTAPI Filter_InvokeFiltersEx(FILTER_METHOD Method, PPacketFilter F
     if ((ULONG)type >= FILTER_TYPE_COUNT) {
         Filter_ReleasePacket(Packet);
     } else {
-        WalkPlan plan = {TRUE, Method, Filter};
+        WalkPlan plan = {TRUE, Method, Filter, TRUE};
         WalkChain("Filter_InvokeFiltersEx", type, Packet, plan);
     }
     NF_TRACE(NF_DBG_PACKET, "Leave Filter_InvokeFiltersEx\n");
@@ -430,9 +429,9 @@ namespace {
  * Hands a packet to the hook driver for the adapter or the protocols. A
  * packet that cannot go on is released; once the hook function has it, it is
  * the hook driver's whatever it answers. `FromWalk`: the packet is the one a
- * walk just finished with, already marked as handed on by whoever handed it
- * to the walk, and its m_hAdapter is `Adapter`; it is only touched under the
- * guard when it is to be dumped.
+ * walk of the hook driver's or a worker's packet just finished with (no walk
+ * frame of this thread carries it) and its m_hAdapter is `Adapter`; it is
+ * only touched under the guard when it is to be dumped.
  */
 FILTER_STATUS DeliverToHook(PCSTR Name, PCSTR ExceptionName, PCSTR Marker, BOOLEAN ToAdapter, PFilterAdapter Adapter,
                             PFilterPacket Packet, BOOLEAN FromWalk = FALSE)
@@ -471,14 +470,14 @@ FILTER_STATUS DeliverToHook(PCSTR Name, PCSTR ExceptionName, PCSTR Marker, BOOLE
     }, !FromWalk);
 }
 
-VOID Deliver(FILTER_TYPE Type, PFilterPacket Packet)
+VOID Deliver(FILTER_TYPE Type, PFilterPacket Packet, BOOLEAN HandOn)
 {
     if (Type == FILTER_TYPE_INCOMING_PACKET || Type == FILTER_TYPE_INJECT_TO_PROTOCOL)
         DeliverToHook("Filter_IndicatePacketToProtocolEx", "Filter_InjectPacketToProtocolEx", "AA Indicate To Protocol",
-                      FALSE, Packet->m_hAdapter, Packet, TRUE);
+                      FALSE, Packet->m_hAdapter, Packet, !HandOn);
     else
         DeliverToHook("Filter_InjectPacketToAdapterEx", "Filter_InjectPacketToAdapterEx", "VV Inject To Adapter", TRUE,
-                      Packet->m_hAdapter, Packet, TRUE);
+                      Packet->m_hAdapter, Packet, !HandOn);
 }
 
 } // namespace

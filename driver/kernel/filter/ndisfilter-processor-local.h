@@ -94,8 +94,8 @@ FORCEINLINE VOID NfPublishBefore(PLIST_ENTRY Next, PLIST_ENTRY Entry)
     PLIST_ENTRY previous = Next->Blink;
     Entry->Flink = Next;
     Entry->Blink = previous;
-    KeMemoryBarrier();
-    *(PLIST_ENTRY volatile *)&previous->Flink = Entry;
+    /* A full barrier: the entry's own links are written before it can be reached. */
+    InterlockedExchangePointer((PVOID volatile *)&previous->Flink, Entry);
     Next->Blink = Entry;
 }
 
