@@ -249,6 +249,32 @@ TEST_F(FilterInvocation, CountsKeptApartByConcurrentWalksAddUpExactlyForEveryRea
     EXPECT_NE(std::find(lines.begin(), lines.end(), "- m_PacketDiscard   = 1200"), lines.end());
 }
 
+TEST_F(FilterInvocation, ARemovalWaitsForTheWalksInFlightAndItsFilterIsNeverCalledAfterwards)
+{
+    std::atomic<bool> release{false};
+    AddFilter("slow", FILTER_TYPE_INCOMING_PACKET, 1);
+    m_behaviours.back()->hold = &release;
+    PPacketFilter victim = AddFilter("victim", FILTER_TYPE_INCOMING_PACKET, 2);
+    std::thread walker([&] { Receive(nftest::CaseFrame(8)); });
+    while (Log().empty()) /* the walk is inside "slow" */
+        std::this_thread::yield();
+    std::atomic<bool> removed{false};
+    std::thread remover([&] {
+        EXPECT_EQ(Filter_DeregisterFilter(m_driver, victim), FILTER_STATUS_SUCCESS);
+        removed = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(removed.load());
+    release = true;
+    walker.join();
+    remover.join();
+    Receive(nftest::CaseFrame(8));
+    std::vector<std::string> log = Log();
+    ASSERT_GE(log.size(), 2u);
+    EXPECT_EQ(log.back(), "slow");
+    EXPECT_EQ(log[log.size() - 2], log.size() == 2 ? "slow" : "victim"); /* only the walk in flight met it */
+}
+
 TEST_F(FilterInvocation, AnUnknownVerdictAndAFaultingFilterBothMoveOnToTheNextFilter)
 {
     PPacketFilter odd = AddFilter("odd", FILTER_TYPE_OUTGOING_PACKET, 1, (FILTER_RESULT)7);
