@@ -13,10 +13,12 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <mutex>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -170,6 +172,14 @@ TEST_F(FilterInvocation, AnEmptyChainDeliversReceivedAndSentFramesUnchanged)
     EXPECT_EQ(ndishook::DeliveredFrames(m_adapter, FILTER_DIRECTION_TO_PROTOCOL).at(0), frame);
 }
 
+/* A filter's counts as every reader sees them: summed over the walk slots. */
+static NfFilterCounts Counts(PPacketFilter filter)
+{
+    NfFilterCounts totals;
+    NdisFilter_SumFilterCounts(filter, &totals);
+    return totals;
+}
+
 TEST_F(FilterInvocation, EachVerdictDecidesThePacketsFateAndIsCounted)
 {
     PPacketFilter bypass = AddFilter("bypass", FILTER_TYPE_INCOMING_PACKET, 1);
@@ -206,14 +216,63 @@ TEST_F(FilterInvocation, EachVerdictDecidesThePacketsFateAndIsCounted)
 
     EXPECT_EQ(Log(), (std::vector<std::string>{"bypass", "judge", "bypass", "judge", "bypass", "judge", "bypass",
                                                "judge", "after"}));
-    EXPECT_EQ(bypass->m_PacketProcess, 4);
-    EXPECT_EQ(bypass->m_PacketBypass, 4);
-    EXPECT_EQ(judge->m_PacketProcess, 4);
-    EXPECT_EQ(judge->m_PacketDiscard, 1);
-    EXPECT_EQ(judge->m_PacketCapture, 1);
-    EXPECT_EQ(judge->m_PacketConsume, 1);
-    EXPECT_EQ(judge->m_PacketBypass, 1);
-    EXPECT_EQ(after->m_PacketProcess, 1);
+    EXPECT_EQ(Counts(bypass).m_PacketProcess, 4);
+    EXPECT_EQ(Counts(bypass).m_PacketBypass, 4);
+    EXPECT_EQ(Counts(judge).m_PacketProcess, 4);
+    EXPECT_EQ(Counts(judge).m_PacketDiscard, 1);
+    EXPECT_EQ(Counts(judge).m_PacketCapture, 1);
+    EXPECT_EQ(Counts(judge).m_PacketConsume, 1);
+    EXPECT_EQ(Counts(judge).m_PacketBypass, 1);
+    EXPECT_EQ(Counts(after).m_PacketProcess, 1);
+}
+
+TEST_F(FilterInvocation, CountsKeptApartByConcurrentWalksAddUpExactlyForEveryReader)
+{
+    PPacketFilter first = AddFilter("first", FILTER_TYPE_INCOMING_PACKET, 1);
+    PPacketFilter judge = AddFilter("judge", FILTER_TYPE_INCOMING_PACKET, 2, FILTER_RESULT_DISCARD);
+    const int threads = 4, frames = 300;
+    std::vector<std::thread> receivers;
+    for (int t = 0; t < threads; t++)
+        receivers.emplace_back([&] {
+            for (int i = 0; i < frames; i++)
+                NdisHookReceiveFrame(m_adapter, nftest::CaseFrame(8).data(), (ULONG)nftest::CaseFrame(8).size(), nullptr);
+        });
+    for (std::thread &receiver : receivers)
+        receiver.join();
+    EXPECT_EQ(Counts(first).m_PacketProcess, threads * frames);
+    EXPECT_EQ(Counts(first).m_PacketBypass, threads * frames);
+    EXPECT_EQ(Counts(judge).m_PacketDiscard, threads * frames);
+    HkDebugClearCapture();
+    EXPECT_EQ(Filter_ShowFilter(judge, 1), FILTER_STATUS_SUCCESS);
+    auto lines = nftest::TakeTrace();
+    EXPECT_NE(std::find(lines.begin(), lines.end(), "- m_PacketProcess   = 1200"), lines.end());
+    EXPECT_NE(std::find(lines.begin(), lines.end(), "- m_PacketDiscard   = 1200"), lines.end());
+}
+
+TEST_F(FilterInvocation, ARemovalWaitsForTheWalksInFlightAndItsFilterIsNeverCalledAfterwards)
+{
+    std::atomic<bool> release{false};
+    AddFilter("slow", FILTER_TYPE_INCOMING_PACKET, 1);
+    m_behaviours.back()->hold = &release;
+    PPacketFilter victim = AddFilter("victim", FILTER_TYPE_INCOMING_PACKET, 2);
+    std::thread walker([&] { Receive(nftest::CaseFrame(8)); });
+    while (Log().empty()) /* the walk is inside "slow" */
+        std::this_thread::yield();
+    std::atomic<bool> removed{false};
+    std::thread remover([&] {
+        EXPECT_EQ(Filter_DeregisterFilter(m_driver, victim), FILTER_STATUS_SUCCESS);
+        removed = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(removed.load());
+    release = true;
+    walker.join();
+    remover.join();
+    Receive(nftest::CaseFrame(8));
+    std::vector<std::string> log = Log();
+    ASSERT_GE(log.size(), 2u);
+    EXPECT_EQ(log.back(), "slow");
+    EXPECT_EQ(log[log.size() - 2], log.size() == 2 ? "slow" : "victim"); /* only the walk in flight met it */
 }
 
 TEST_F(FilterInvocation, AnUnknownVerdictAndAFaultingFilterBothMoveOnToTheNextFilter)
@@ -227,10 +286,11 @@ TEST_F(FilterInvocation, AnUnknownVerdictAndAFaultingFilterBothMoveOnToTheNextFi
 
     EXPECT_EQ(Log(), (std::vector<std::string>{"odd", "faulty", "last"}));
     EXPECT_EQ(Delivered(FILTER_DIRECTION_TO_ADAPTER), 1u);
-    EXPECT_EQ(odd->m_PacketProcess, 1);
-    EXPECT_EQ(odd->m_PacketBypass + odd->m_PacketDiscard + odd->m_PacketConsume + odd->m_PacketCapture, 0);
-    EXPECT_EQ(faulty->m_PacketProcess, 1);
-    EXPECT_EQ(faulty->m_PacketBypass, 0);
+    EXPECT_EQ(Counts(odd).m_PacketProcess, 1);
+    NfFilterCounts oddCounts = Counts(odd);
+    EXPECT_EQ(oddCounts.m_PacketBypass + oddCounts.m_PacketDiscard + oddCounts.m_PacketConsume + oddCounts.m_PacketCapture, 0);
+    EXPECT_EQ(Counts(faulty).m_PacketProcess, 1);
+    EXPECT_EQ(Counts(faulty).m_PacketBypass, 0);
     bool reported = false;
     for (const auto &line : nftest::TakeTrace())
         reported |= line.rfind("  Filter_InvokeFilters: exception, code = -1073741819, pPacket=0x", 0) == 0;

@@ -34,6 +34,8 @@ static AdapterIdTableRecord AdapterIdTable;
  * Slots change with interlocked operations; readers take no lock.
  */
 static PFilterAdapter volatile OpenAdapters[FILTER_MAX_ADAPTERS];
+/* One past the highest slot ever filled: lookups stop there. Only grows. */
+static volatile LONG OpenAdapterSlots;
 
 /* At start-up: an empty table whose first identifier will be 1. */
 VOID NdisFilter_InitializeAdapterIds(VOID)
@@ -48,7 +50,8 @@ BOOLEAN NdisFilter_IsOpenAdapter(PFilterAdapter Adapter)
 {
     if (Adapter == NULL)
         return FALSE;
-    for (ULONG i = 0; i < FILTER_MAX_ADAPTERS; i++)
+    ULONG slots = (ULONG)OpenAdapterSlots;
+    for (ULONG i = 0; i < slots && i < FILTER_MAX_ADAPTERS; i++)
         if (OpenAdapters[i] == Adapter)
             return TRUE;
     return FALSE;
@@ -60,9 +63,18 @@ VOID AddOpenAdapter(PFilterAdapter Adapter)
 {
     if (NdisFilter_IsOpenAdapter(Adapter))
         return;
-    for (ULONG i = 0; i < FILTER_MAX_ADAPTERS; i++)
-        if (InterlockedCompareExchangePointer((PVOID volatile *)&OpenAdapters[i], Adapter, NULL) == NULL)
+    for (ULONG i = 0; i < FILTER_MAX_ADAPTERS; i++) {
+        if (InterlockedCompareExchangePointer((PVOID volatile *)&OpenAdapters[i], Adapter, NULL) == NULL) {
+            LONG seen = OpenAdapterSlots;
+            while (seen <= (LONG)i) {
+                LONG previous = InterlockedCompareExchange(&OpenAdapterSlots, (LONG)i + 1, seen);
+                if (previous == seen)
+                    break;
+                seen = previous;
+            }
             return;
+        }
+    }
 }
 
 VOID RemoveOpenAdapter(PFilterAdapter Adapter)

@@ -359,6 +359,8 @@ EXTERN_C FILTER_STATUS NTAPI Filter_DiagFilter(PDiag Diag, FILTER_TYPE Type)
     int position = 0;
     for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
         const PacketFilter *filter = CONTAINING_RECORD(link, PacketFilter, m_ListEntry);
+        NfFilterCounts counts;
+        NdisFilter_SumFilterCounts(filter, &counts);
         int length = filter->m_FilterName.Length;
         Reply("- Filter[%d]\n", position++);
         Reply("  - m_FilterName      = %*.*s\n", length, length, filter->m_FilterName.Buffer);
@@ -369,11 +371,11 @@ EXTERN_C FILTER_STATUS NTAPI Filter_DiagFilter(PDiag Diag, FILTER_TYPE Type)
         Reply("  - m_FilterType      = %ld - %s\n", (LONG)filter->m_FilterType, Filter_TypeString(filter->m_FilterType));
         Reply("  - m_FilterOrder     = %lu - %s\n", (ULONG)filter->m_FilterOrder,
               Filter_OrderString((FILTER_ORDER)filter->m_FilterOrder));
-        Reply("  - m_PacketProcess   = %ld\n", (LONG)filter->m_PacketProcess);
-        Reply("  - m_PacketBypass    = %ld\n", (LONG)filter->m_PacketBypass);
-        Reply("  - m_PacketDiscard   = %ld\n", (LONG)filter->m_PacketDiscard);
-        Reply("  - m_PacketConsume   = %ld\n", (LONG)filter->m_PacketConsume);
-        Reply("  - m_PacketCapture   = %ld\n", (LONG)filter->m_PacketCapture);
+        Reply("  - m_PacketProcess   = %ld\n", (LONG)counts.m_PacketProcess);
+        Reply("  - m_PacketBypass    = %ld\n", (LONG)counts.m_PacketBypass);
+        Reply("  - m_PacketDiscard   = %ld\n", (LONG)counts.m_PacketDiscard);
+        Reply("  - m_PacketConsume   = %ld\n", (LONG)counts.m_PacketConsume);
+        Reply("  - m_PacketCapture   = %ld\n", (LONG)counts.m_PacketCapture);
     }
     return status;
 }

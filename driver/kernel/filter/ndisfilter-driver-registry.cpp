@@ -163,12 +163,30 @@ VOID RemoveEventHandlers(PFilterDriver Driver)
 VOID RemovePacketFilters(PFilterDriver Driver)
 {
     for (ULONG type = 0; type < FILTER_TYPE_COUNT; type++) {
-        NfWriteLock lock(&g_pGlobal->m_PacketFilterLock[type]);
-        NdisFilter_RemoveOwnedRecords(&g_pGlobal->m_PacketFilterList[type], &PacketFilter::m_hFilterDriver, Driver,
-                                      [](PacketFilter *filter) {
-                                          filter->m_Tag = 0;
-                                          NdisFilter_PurgeQueuedPackets(NULL, filter);
-                                      });
+        LIST_ENTRY removed;
+        InitializeListHead(&removed);
+        {
+            NfWriteLock lock(&g_pGlobal->m_PacketFilterLock[type]);
+            PLIST_ENTRY head = &g_pGlobal->m_PacketFilterList[type];
+            PLIST_ENTRY next;
+            for (PLIST_ENTRY link = head->Flink; link != head; link = next) {
+                next = link->Flink;
+                if (CONTAINING_RECORD(link, PacketFilter, m_ListEntry)->m_hFilterDriver != Driver)
+                    continue;
+                /* Unlinked only: a walk standing on it still finds its way on through its Flink. */
+                RemoveEntryList(link);
+                InsertTailList(&removed, &CONTAINING_RECORD(link, PacketFilter, m_ListEntry)->m_RemovedLink);
+            }
+        }
+        if (IsListEmpty(&removed))
+            continue;
+        NfGraceWait(&g_pGlobal->m_PacketFilterGrace[type]); /* the walks that could still see them */
+        while (!IsListEmpty(&removed)) {
+            PacketFilter *filter = CONTAINING_RECORD(RemoveHeadList(&removed), PacketFilter, m_RemovedLink);
+            filter->m_Tag = 0;
+            NdisFilter_PurgeQueuedPackets(NULL, filter);
+            NdisFilter_FreeRecord(filter);
+        }
     }
 }
 

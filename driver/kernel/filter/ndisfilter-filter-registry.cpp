@@ -5,11 +5,15 @@
  * taken as unsigned numbers, so FIRST (0) < fixed positions < NEXT
  * (0xFFFFFFFE) < LAST (0xFFFFFFFF); a new filter goes in front of the first
  * filter whose order is greater than or equal to its own. Registration and
- * removal take the chain's lock for writing; walks take it for reading.
+ * removal take the chain's lock for writing, listings for reading. Walks take
+ * no lock: they are readers of the chain's grace guard, so a new filter is
+ * linked in one publishing store, and a removed one is freed only after
+ * NfGraceWait, when no walk can stand on it any more.
  */
 #include "precomp.h"
 #include "ndisfilter-global.h"
 #include "ndisfilter-records.h"
+#include "ndisfilter-processor-local.h"
 
 #define NF_FILTER_POOL_TAG 0x4146664E /* "NfFA" */
 
@@ -37,7 +41,7 @@ VOID InsertByOrder(PLIST_ENTRY Head, PPacketFilter Filter)
     PLIST_ENTRY link = Head->Flink;
     while (link != Head && CONTAINING_RECORD(link, PacketFilter, m_ListEntry)->m_FilterOrder < Filter->m_FilterOrder)
         link = link->Flink;
-    InsertTailList(link, &Filter->m_ListEntry); /* before `link` */
+    NfPublishBefore(link, &Filter->m_ListEntry); /* walks in progress see it whole or not at all */
 }
 
 } // namespace
@@ -74,12 +78,15 @@ EXTERN_C FILTER_STATUS NTAPI Filter_RegisterFilter(PFilterDriver FilterDriver, P
             status = FILTER_ERROR_FILTER_ALREADY_REGISTERED;
             return status;
         }
-        ULONG size = sizeof(PacketFilter) + FilterName->Length + 2;
+        ULONG countsOffset = sizeof(PacketFilter) + FilterName->Length + 2;
+        ULONG size = countsOffset + NF_CACHE_LINE - 1 + NF_FILTER_COUNT_SLOTS * sizeof(NfFilterCounts);
         PPacketFilter filter = (PPacketFilter)NdisFilter_AllocateRecord(size, NF_FILTER_POOL_TAG);
         if (filter != NULL) {
             RtlZeroMemory(filter, size);
             filter->m_Tag = FILTER_PACKET_FILTER_TAG;
             NdisFilter_CopyNameBehind(&filter->m_FilterName, filter, sizeof(PacketFilter), FilterName);
+            ULONG_PTR counts = (ULONG_PTR)filter + countsOffset;
+            filter->m_pCounts = (NfFilterCounts *)((counts + NF_CACHE_LINE - 1) & ~(ULONG_PTR)(NF_CACHE_LINE - 1));
             filter->m_hFilterDriver = FilterDriver;
             filter->m_pDriverContext = FilterDriver->m_pDriverContext;
             filter->m_pfFilterProc = FilterProc;
@@ -145,6 +152,8 @@ EXTERN_C FILTER_STATUS NTAPI Filter_DeregisterFilter(PFilterDriver FilterDriver,
             }
         }
         if (removed) {
+            /* Walks that may still call it end first. */
+            NfGraceWait(&g_pGlobal->m_PacketFilterGrace[type]);
             Filter->m_Tag = 0; /* a stale handle no longer passes the check */
             NdisFilter_PurgeQueuedPackets(NULL, Filter);
             NdisFilter_FreeRecord(Filter);
@@ -292,10 +301,12 @@ EXTERN_C FILTER_STATUS NTAPI Filter_ShowFilter(PPacketFilter Filter, LONG Positi
         return status;
     }
     PacketFilter copy;
+    NfFilterCounts counts;
     CHAR name[256];
     int nameLength = 0;
     LONG code = FilterGuard([&] {
         RtlCopyMemory(&copy, (const VOID *)Filter, sizeof(copy));
+        NdisFilter_SumFilterCounts(&copy, &counts);
         nameLength = copy.m_FilterName.Buffer == NULL ? 0 : copy.m_FilterName.Length;
         if (nameLength > (int)sizeof(name) - 1)
             nameLength = (int)sizeof(name) - 1;
@@ -321,10 +332,24 @@ EXTERN_C FILTER_STATUS NTAPI Filter_ShowFilter(PPacketFilter Filter, LONG Positi
     NF_PRINT("- m_FilterType      = %ld - %s\n", (LONG)copy.m_FilterType, Filter_TypeString(copy.m_FilterType));
     NF_PRINT("- m_FilterOrder     = %lu - %s\n", (ULONG)copy.m_FilterOrder,
              Filter_OrderString((FILTER_ORDER)copy.m_FilterOrder));
-    NF_PRINT("- m_PacketProcess   = %ld\n", (LONG)copy.m_PacketProcess);
-    NF_PRINT("- m_PacketBypass    = %ld\n", (LONG)copy.m_PacketBypass);
-    NF_PRINT("- m_PacketDiscard   = %ld\n", (LONG)copy.m_PacketDiscard);
-    NF_PRINT("- m_PacketConsume   = %ld\n", (LONG)copy.m_PacketConsume);
-    NF_PRINT("- m_PacketCapture   = %ld\n", (LONG)copy.m_PacketCapture);
+    NF_PRINT("- m_PacketProcess   = %ld\n", (LONG)counts.m_PacketProcess);
+    NF_PRINT("- m_PacketBypass    = %ld\n", (LONG)counts.m_PacketBypass);
+    NF_PRINT("- m_PacketDiscard   = %ld\n", (LONG)counts.m_PacketDiscard);
+    NF_PRINT("- m_PacketConsume   = %ld\n", (LONG)counts.m_PacketConsume);
+    NF_PRINT("- m_PacketCapture   = %ld\n", (LONG)counts.m_PacketCapture);
     return status;
+}
+
+VOID NdisFilter_SumFilterCounts(const PacketFilter *Filter, NfFilterCounts *Totals)
+{
+    Totals->m_PacketProcess = Totals->m_PacketBypass = Totals->m_PacketDiscard = 0;
+    Totals->m_PacketConsume = Totals->m_PacketCapture = 0;
+    for (ULONG slot = 0; slot < NF_FILTER_COUNT_SLOTS; slot++) {
+        const NfFilterCounts *counts = &Filter->m_pCounts[slot];
+        Totals->m_PacketProcess += counts->m_PacketProcess;
+        Totals->m_PacketBypass += counts->m_PacketBypass;
+        Totals->m_PacketDiscard += counts->m_PacketDiscard;
+        Totals->m_PacketConsume += counts->m_PacketConsume;
+        Totals->m_PacketCapture += counts->m_PacketCapture;
+    }
 }

@@ -11,6 +11,7 @@
 
 #include "ndisfilter-trace.h"
 #include "ndisfilter-passive-lock.h"
+#include "ndisfilter-processor-local.h"
 
 struct _FilterDriver;
 
@@ -61,8 +62,9 @@ typedef struct _NdisFilterDeviceExtension {
     UNICODE_STRING m_DeviceSymbolicLink;
     BOOLEAN m_bSymbolicLinkCreated;
 
-    NDIS_RW_LOCK m_HookAPILock;
+    NDIS_RW_LOCK m_HookAPILock; /* binding changes and listings of the record */
     NdisHookAPI m_NdisHookAPI;
+    NfGrace m_HookAPIGrace;     /* hook calls in flight: an unbind waits for them */
 
     /* shared-memory channel */
     PMappedMemory m_pMappedMemory;
@@ -95,8 +97,9 @@ typedef struct _NdisFilterDeviceExtension {
     /* filter drivers and the four packet-filter chains */
     NDIS_RW_LOCK m_FilterDriverLock;
     LIST_ENTRY m_FilterDriverList;
-    NDIS_RW_LOCK m_PacketFilterLock[FILTER_TYPE_COUNT];
+    NDIS_RW_LOCK m_PacketFilterLock[FILTER_TYPE_COUNT]; /* changes and listings of a chain */
     LIST_ENTRY m_PacketFilterList[FILTER_TYPE_COUNT];
+    NfGrace m_PacketFilterGrace[FILTER_TYPE_COUNT];     /* walks: a removal waits for them */
 
     /* injected-packet queues */
     HANDLE m_hInjectPacketThread[NF_INJECT_QUEUE_COUNT];
@@ -269,9 +272,35 @@ VOID NdisFilter_PurgeQueuedPackets(PFilterAdapter Adapter, PPacketFilter Filter)
  * after the hand-off leaves the packet where it went.
  */
 VOID NdisFilter_PacketHandedOn(PFilterPacket Packet);
+/*
+ * Filter_ReleasePacket with the hand-off mark only when `HandOn` says so: a
+ * walk of a packet no walk frame of this thread carries (the hook driver's,
+ * a worker's) passes FALSE (ndisfilter-packetapi-packet.cpp).
+ */
+FILTER_STATUS NdisFilter_ReleasePacket(PFilterPacket Packet, PCSTR File, ULONG Line, BOOLEAN HandOn);
 
 /* The packet checksum of `Length` bytes as stored into a header (ndisfilter-packetapi-checksum.cpp). */
 EXTERN_C USHORT NdisFilter_Checksum(const UCHAR *Data, ULONG Length);
+
+/*
+ * A worker that has just emptied its queue polls `Ready` for up to
+ * NF_WORKER_POLL_US before it sleeps, so a steady stream is served without
+ * a wake-up per packet or per burst. TRUE when `Ready` answered TRUE.
+ * IRQL = PASSIVE_LEVEL.
+ */
+#define NF_WORKER_POLL_US 50
+template <typename Ready>
+BOOLEAN NdisFilter_PollBriefly(Ready &&ready)
+{
+    ULONGLONG until = KeQueryInterruptTime() + NF_WORKER_POLL_US * 10;
+    for (ULONG spin = 0;; spin++) {
+        if (ready())
+            return TRUE;
+        YieldProcessor();
+        if ((spin & 31) == 31 && KeQueryInterruptTime() >= until)
+            return FALSE;
+    }
+}
 
 /* ---- hook binding (ndisfilter-main-hook.cpp) ---- */
 
@@ -282,8 +311,8 @@ EXTERN_C USHORT NdisFilter_Checksum(const UCHAR *Data, ULONG Length);
  */
 VOID NdisFilter_OpenCallbacks(VOID);
 VOID NdisFilter_CloseCallbacks(VOID);
-BOOLEAN NdisFilter_EnterCallback(VOID);
-VOID NdisFilter_LeaveCallback(VOID);
+BOOLEAN NdisFilter_EnterCallback(ULONG *Slot);
+VOID NdisFilter_LeaveCallback(ULONG Slot);
 
 /*
  * RAII holders of an NDIS read-write lock, so that every return releases it.
@@ -302,8 +331,8 @@ private:
 };
 
 /*
- * A reference on the hook binding: holds m_HookAPILock for reading while it
- * lives, so an unbind waits for every hook call made through it. Function()
+ * A reference on the hook binding: a reader of m_HookAPIGrace while it
+ * lives, so an unbind waits for every hook call made through it. Get()
  * reads one hook function once: NULL while unbound or when not supplied.
  * Raises to DISPATCH_LEVEL; the hook functions that need PASSIVE_LEVEL (the
  * control-request handler, mapping into user space) are read once instead.
@@ -324,32 +353,35 @@ private:
 
 class NfHookReference {
 public:
-    NfHookReference() : m_lock(&g_pGlobal->m_HookAPILock) {}
+    NfHookReference() : m_read(&g_pGlobal->m_HookAPIGrace) {}
 
     template <typename Function>
     Function Get(Function NdisHookAPI::*Field) const
     {
         const NdisHookAPI &api = g_pGlobal->m_NdisHookAPI;
-        return (api.m_Flags & NDIS_HOOK_FLAG_BOUND) != 0 ? api.*Field : NULL;
+        if ((*(const volatile ULONG *)&api.m_Flags & NDIS_HOOK_FLAG_BOUND) == 0)
+            return NULL;
+        return *(Function const volatile *)&(api.*Field);
     }
 
 private:
-    NfReadLock m_lock;
+    NfGraceRead m_read;
 };
 
 /* Holds the callback gate for as long as it lives; Entered() is FALSE once teardown has closed it. */
 class NfCallbackScope {
 public:
-    NfCallbackScope() : m_entered(NdisFilter_EnterCallback()) {}
+    NfCallbackScope() : m_slot(0), m_entered(NdisFilter_EnterCallback(&m_slot)) {}
     ~NfCallbackScope()
     {
         if (m_entered)
-            NdisFilter_LeaveCallback();
+            NdisFilter_LeaveCallback(m_slot);
     }
     BOOLEAN Entered() const { return m_entered; }
     NfCallbackScope(const NfCallbackScope &) = delete;
     NfCallbackScope &operator=(const NfCallbackScope &) = delete;
 
 private:
+    ULONG m_slot;
     BOOLEAN m_entered;
 };

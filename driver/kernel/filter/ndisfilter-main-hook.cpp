@@ -31,41 +31,30 @@ PUCHAR Field(PNdisHookAPI Api, LONG Offset)
 
 namespace {
 
-#define NF_CALLBACKS_CLOSED 0x40000000
-
-/* The callbacks inside, plus NF_CALLBACKS_CLOSED once teardown has begun. */
-volatile LONG CallbackGate = NF_CALLBACKS_CLOSED;
+/* The callbacks inside, counted by processor slot; closed until start-up opens it. */
+NfGate CallbackGate = {1, {0}, {}};
 
 } // namespace
 
 VOID NdisFilter_OpenCallbacks(VOID)
 {
-    InterlockedExchange(&CallbackGate, 0);
+    NfGateOpen(&CallbackGate);
 }
 
 /* Closes the gate and waits, at PASSIVE_LEVEL, for the callbacks still inside. */
 VOID NdisFilter_CloseCallbacks(VOID)
 {
-    InterlockedOr(&CallbackGate, NF_CALLBACKS_CLOSED);
-    while (InterlockedCompareExchange(&CallbackGate, 0, 0) != NF_CALLBACKS_CLOSED) {
-        LARGE_INTEGER interval;
-        interval.QuadPart = -10000; /* 1 ms */
-        KeDelayExecutionThread(KernelMode, FALSE, &interval);
-    }
+    NfGateClose(&CallbackGate);
 }
 
-BOOLEAN NdisFilter_EnterCallback(VOID)
+BOOLEAN NdisFilter_EnterCallback(ULONG *Slot)
 {
-    if (InterlockedIncrement(&CallbackGate) & NF_CALLBACKS_CLOSED) {
-        InterlockedDecrement(&CallbackGate);
-        return FALSE;
-    }
-    return TRUE;
+    return NfGateEnter(&CallbackGate, Slot);
 }
 
-VOID NdisFilter_LeaveCallback(VOID)
+VOID NdisFilter_LeaveCallback(ULONG Slot)
 {
-    InterlockedDecrement(&CallbackGate);
+    NfGateLeave(&CallbackGate, Slot);
 }
 
 /* ---- binding ---- */
@@ -81,7 +70,8 @@ VOID NdisFilterBindHookInterface(PNdisHookAPI Caller)
                       NF_HOOK_CALLBACKS_SIZE);
         RtlCopyMemory(Field(own, NF_HOOK_FUNCTIONS_OFFSET), Field(Caller, NF_HOOK_FUNCTIONS_OFFSET),
                       NF_HOOK_FUNCTIONS_SIZE);
-        own->m_Flags |= NDIS_HOOK_FLAG_BOUND;
+        /* A full barrier: hook references read the flag, then a function. */
+        InterlockedOr((volatile LONG *)&own->m_Flags, NDIS_HOOK_FLAG_BOUND);
         Caller->m_Flags |= NDIS_HOOK_FLAG_BOUND;
     }
     NdisFilter_ResumeEthrLogs();
@@ -103,6 +93,8 @@ VOID NdisFilterUnBindHookInterface(PNdisHookAPI Caller)
         RtlZeroMemory(Field(Caller, NF_HOOK_CALLBACKS_OFFSET), NF_HOOK_CALLBACKS_SIZE);
         RtlZeroMemory(Field(own, NF_HOOK_FUNCTIONS_OFFSET), NF_HOOK_FUNCTIONS_SIZE);
     }
+    /* Hook calls that read a function before the unbind end before it returns. */
+    NfGraceWait(&g_pGlobal->m_HookAPIGrace);
     NF_TRACE(NF_DBG_CORE, "Leave NdisFilterUnBindHookInterface\n");
 }
 

@@ -178,6 +178,7 @@ EXTERN_C VOID NdisFilterInitialize(VOID)
     NF_TRACE(NF_DBG_CORE, "Enter NdisFilterInitialize\n");
 
     NdisInitializeReadWriteLock(&global->m_HookAPILock);
+    NfGraceInitialize(&global->m_HookAPIGrace);
     InitializeHookApi(&global->m_NdisHookAPI);
     NdisFilter_OpenCallbacks();
     global->m_nPendingWorkItems = 1; /* teardown's own reference */
@@ -236,6 +237,7 @@ EXTERN_C VOID NdisFilterInitialize(VOID)
     for (ULONG type = 0; type < FILTER_TYPE_COUNT; type++) {
         NdisInitializeReadWriteLock(&global->m_PacketFilterLock[type]);
         InitializeListHead(&global->m_PacketFilterList[type]);
+        NfGraceInitialize(&global->m_PacketFilterGrace[type]);
     }
     NF_TRACE(NF_DBG_CORE, "  Packet Filter list Initialized\n");
 

@@ -42,13 +42,19 @@ EXTERN_C PFilterPacket NTAPI Filter_AllocatePacketp(PFilterAdapter Adapter, PCST
  */
 EXTERN_C FILTER_STATUS NTAPI Filter_ReleasePacketp(PFilterPacket Packet, PCSTR File, ULONG Line)
 {
+    return NdisFilter_ReleasePacket(Packet, File, Line, TRUE);
+}
+
+FILTER_STATUS NdisFilter_ReleasePacket(PFilterPacket Packet, PCSTR File, ULONG Line, BOOLEAN HandOn)
+{
     FILTER_STATUS status = FILTER_STATUS_SUCCESS;
     NF_TRACE(NF_DBG_PACKET, "Enter Filter_ReleasePacket, pPacket=0x%p\n", (PVOID)Packet);
     if (Packet == NULL) {
         status = FILTER_ERROR_INVALID_ARGUMENT;
         NF_TRACE_ERROR(NF_DBG_PACKET, status);
     } else {
-        NdisFilter_PacketHandedOn(Packet);
+        if (HandOn)
+            NdisFilter_PacketHandedOn(Packet);
         NfHookReference hook;
         PHOOK_FREE_PACKET release = hook.Get(&NdisHookAPI::Hook_FreePacket);
         LONG code = release == NULL ? 0 : FilterGuard([&] { release(Packet, File, Line); });

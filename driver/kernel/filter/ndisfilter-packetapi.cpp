@@ -31,8 +31,9 @@ namespace {
  * hand-off entries mark the calling thread's frames that carry their packet.
  * Slots go by thread, not by processor, since a filter may block on the host.
  * No lock and no shared counter: claiming a slot is one compare-exchange.
+ * The filters' counts are kept by walk slot too (NF_WALK_SLOTS in
+ * ndisfilter-records.h).
  */
-#define NF_WALK_SLOTS 32
 
 struct WalkSlot;
 
@@ -122,24 +123,18 @@ struct WalkPlan {
     BOOLEAN Partial;      /* FALSE: the whole chain */
     FILTER_METHOD Method;
     PPacketFilter Given;
+    /*
+     * TRUE when a client handed the packet to the walk (the exported entries):
+     * its final delivery or release marks it as handed on, for the client's
+     * own walk frames. FALSE for packets of the hook driver and the workers.
+     */
+    BOOLEAN HandOn;
 };
 
 /* Delivers a packet that every filter let pass, by the type of its chain. */
-VOID Deliver(FILTER_TYPE Type, PFilterPacket Packet)
-{
-    if (Type == FILTER_TYPE_INCOMING_PACKET || Type == FILTER_TYPE_INJECT_TO_PROTOCOL)
-        Filter_IndicatePacketToProtocolEx(Packet->m_hAdapter, Packet);
-    else
-        Filter_InjectPacketToAdapterEx(Packet->m_hAdapter, Packet);
-}
+VOID Deliver(FILTER_TYPE Type, PFilterPacket Packet, BOOLEAN HandOn);
 
-/*
- * Walks the chain of `Type` under its read lock, calling each filter the plan
- * selects until one answers other than BYPASS; then releases, forgets or
- * delivers the packet. A filter that faults is reported and the walk goes on.
- * No allocation and no write lock: this runs for every packet.
- */
-/* TRUE when `Filter` is in the chain at `Head`, decided by address. The caller holds the chain's lock. */
+/* TRUE when `Filter` is in the chain at `Head`, decided by address. The caller reads the chain. */
 BOOLEAN InChain(PLIST_ENTRY Head, PPacketFilter Filter)
 {
     for (PLIST_ENTRY link = Head->Flink; link != Head; link = link->Flink)
@@ -148,6 +143,14 @@ BOOLEAN InChain(PLIST_ENTRY Head, PPacketFilter Filter)
     return FALSE;
 }
 
+/*
+ * Walks the chain of `Type` as a reader of its grace guard (at DISPATCH_LEVEL),
+ * calling each filter the plan selects until one answers other than BYPASS;
+ * then releases, forgets or delivers the packet. A filter that faults is
+ * reported and the walk goes on. No allocation, no lock and no line another
+ * processor writes: this runs for every packet. The counts go to this
+ * processor's slot of each filter.
+ */
 VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPlan &Plan)
 {
     BOOLEAN deliver = TRUE;
@@ -158,7 +161,15 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
     WalkFrame frame;
     BOOLEAN tracked = EnterWalkFrame(&frame, Packet);
     {
-        NfReadLock lock(&g_pGlobal->m_PacketFilterLock[Type]);
+        NfGraceRead walk(&g_pGlobal->m_PacketFilterGrace[Type]);
+        /* The walk slot's own line of each filter's counts, or the shared one for an untracked walk. */
+        const ULONG countSlot = tracked ? (ULONG)(frame.Slot - WalkSlots) : NF_WALK_SLOTS;
+        auto count = [tracked](volatile LONG &counter) {
+            if (tracked)
+                counter = counter + 1;
+            else
+                InterlockedIncrement(&counter);
+        };
         PLIST_ENTRY head = &g_pGlobal->m_PacketFilterList[Type];
         /* A filter that has left its chain (and may be freed) is no place to start or stop. */
         if (Plan.Partial && !InChain(head, Plan.Given))
@@ -166,8 +177,9 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
         LONG index = 0;
         PLIST_ENTRY next;
         for (PLIST_ENTRY link = deliver ? head->Flink : head; link != head; link = next) {
-            next = link->Flink;
+            next = *(PLIST_ENTRY volatile *)&link->Flink;
             PPacketFilter filter = CONTAINING_RECORD(link, PacketFilter, m_ListEntry);
+            NfFilterCounts *counts = &filter->m_pCounts[countSlot];
             if (Plan.Partial) {
                 if (!active) {
                     if (filter != Plan.Given)
@@ -183,7 +195,7 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
             NF_TRACE(NF_DBG_PACKET, "  %s: %s->Filter[%d] - %*.*s, pPacket=0x%p\n", Name, Filter_TypeString(Type),
                      (int)index++, (int)filter->m_FilterName.Length, (int)filter->m_FilterName.Length,
                      filter->m_FilterName.Buffer, (PVOID)Packet);
-            InterlockedIncrement(&filter->m_PacketProcess);
+            count(counts->m_PacketProcess);
             FILTER_RESULT result = FILTER_RESULT_BYPASS;
             LONG code = FilterGuard([&] {
                 result = filter->m_pfFilterProc(filter->m_hFilterDriver, filter->m_pDriverContext, filter,
@@ -204,24 +216,24 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
                 switch (result) {
                 case FILTER_RESULT_BYPASS:
                     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_BYPASS, pPacket=0x%p\n", Name, (PVOID)Packet);
-                    InterlockedIncrement(&filter->m_PacketBypass);
+                    count(counts->m_PacketBypass);
                     break;
                 case FILTER_RESULT_DISCARD:
                     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_DISCARD, pPacket=0x%p\n", Name, (PVOID)Packet);
                     Filter_DumpPacket("DD Filter Discard", Packet);
-                    InterlockedIncrement(&filter->m_PacketDiscard);
+                    count(counts->m_PacketDiscard);
                     deliver = FALSE;
                     stop = TRUE;
                     break;
                 case FILTER_RESULT_CONSUME:
                     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_CONSUME, pPacket=0x%p\n", Name, (PVOID)Packet);
-                    InterlockedIncrement(&filter->m_PacketConsume);
+                    count(counts->m_PacketConsume);
                     consumed = TRUE;
                     stop = TRUE;
                     break;
                 case FILTER_RESULT_CAPTURE:
                     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_CAPTURE, pPacket=0x%p\n", Name, (PVOID)Packet);
-                    InterlockedIncrement(&filter->m_PacketCapture);
+                    count(counts->m_PacketCapture);
                     deliver = FALSE;
                     stop = TRUE;
                     break;
@@ -241,11 +253,31 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
     if (consumed)
         return; /* the filter owns the packet now */
     if (!deliver) {
-        Filter_ReleasePacket(Packet);
+        NdisFilter_ReleasePacket(Packet, __FILE__, __LINE__, Plan.HandOn);
         return;
     }
     NF_TRACE(NF_DBG_PACKET, "  %s: FILTER_RESULT_BYPASS, pPacket=0x%p\n", Name, (PVOID)Packet);
-    Deliver(Type, Packet);
+    Deliver(Type, Packet, Plan.HandOn);
+}
+
+} // namespace
+
+namespace {
+
+/* Filter_InvokeFilters; `HandOn` as in WalkPlan. */
+VOID InvokeFilters(FILTER_TYPE Type, PFilterPacket Packet, BOOLEAN HandOn)
+{
+    NF_TRACE(NF_DBG_PACKET, "Enter Filter_InvokeFilters: Filter=%s, pPacket=0x%p\n", Filter_TypeString(Type),
+             (PVOID)Packet);
+    if (Packet == NULL)
+        return;
+    if ((ULONG)Type >= FILTER_TYPE_COUNT) {
+        Filter_ReleasePacket(Packet);
+        return;
+    }
+    WalkPlan plan = {FALSE, FILTER_METHOD_START_FROM_FIRST_FILTER, NULL, HandOn};
+    WalkChain("Filter_InvokeFilters", Type, Packet, plan);
+    NF_TRACE(NF_DBG_PACKET, "Leave Filter_InvokeFilters\n");
 }
 
 } // namespace
@@ -257,17 +289,7 @@ VOID WalkChain(PCSTR Name, FILTER_TYPE Type, PFilterPacket Packet, const WalkPla
  */
 EXTERN_C VOID NTAPI Filter_InvokeFilters(FILTER_TYPE Type, PFilterPacket Packet)
 {
-    NF_TRACE(NF_DBG_PACKET, "Enter Filter_InvokeFilters: Filter=%s, pPacket=0x%p\n", Filter_TypeString(Type),
-             (PVOID)Packet);
-    if (Packet == NULL)
-        return;
-    if ((ULONG)Type >= FILTER_TYPE_COUNT) {
-        Filter_ReleasePacket(Packet);
-        return;
-    }
-    WalkPlan plan = {FALSE, FILTER_METHOD_START_FROM_FIRST_FILTER, NULL};
-    WalkChain("Filter_InvokeFilters", Type, Packet, plan);
-    NF_TRACE(NF_DBG_PACKET, "Leave Filter_InvokeFilters\n");
+    InvokeFilters(Type, Packet, TRUE);
 }
 
 /*
@@ -290,7 +312,7 @@ EXTERN_C VOID NTAPI Filter_InvokeFiltersEx(FILTER_METHOD Method, PPacketFilter F
     if ((ULONG)type >= FILTER_TYPE_COUNT) {
         Filter_ReleasePacket(Packet);
     } else {
-        WalkPlan plan = {TRUE, Method, Filter};
+        WalkPlan plan = {TRUE, Method, Filter, TRUE};
         WalkChain("Filter_InvokeFiltersEx", type, Packet, plan);
     }
     NF_TRACE(NF_DBG_PACKET, "Leave Filter_InvokeFiltersEx\n");
@@ -307,11 +329,11 @@ VOID FilterHookPacket(PFilterPacket Packet, ULONG Direction)
     if (Direction == FILTER_DIRECTION_TO_PROTOCOL) {
         Filter_DumpPacket("/\\ Incoming Packet", Packet);
         NdisFilter_RecordAdapterFrame(Packet->m_hAdapter, NF_ETHRLOG_LOWER, Packet);
-        Filter_InvokeFilters(FILTER_TYPE_INCOMING_PACKET, Packet);
+        InvokeFilters(FILTER_TYPE_INCOMING_PACKET, Packet, FALSE);
     } else {
         Filter_DumpPacket("\\/ Outgoing Packet", Packet);
         NdisFilter_RecordAdapterFrame(Packet->m_hAdapter, NF_ETHRLOG_UPPER, Packet);
-        Filter_InvokeFilters(FILTER_TYPE_OUTGOING_PACKET, Packet);
+        InvokeFilters(FILTER_TYPE_OUTGOING_PACKET, Packet, FALSE);
     }
 }
 
@@ -356,7 +378,7 @@ namespace {
  * and answers the status.
  */
 template <typename Take>
-FILTER_STATUS TakePacket(PCSTR Name, PVOID Target, PFilterPacket Packet, Take &&take)
+FILTER_STATUS TakePacket(PCSTR Name, PVOID Target, PFilterPacket Packet, Take &&take, BOOLEAN HandOn = TRUE)
 {
     FILTER_STATUS status = FILTER_STATUS_SUCCESS;
     NfStatusTrace trace(NF_DBG_PACKET, Name, status);
@@ -364,7 +386,8 @@ FILTER_STATUS TakePacket(PCSTR Name, PVOID Target, PFilterPacket Packet, Take &&
         status = FILTER_ERROR_INVALID_ARGUMENT;
         return status;
     }
-    NdisFilter_PacketHandedOn(Packet);
+    if (HandOn)
+        NdisFilter_PacketHandedOn(Packet);
     if (Target == NULL) {
         Filter_ReleasePacket(Packet);
         status = FILTER_ERROR_INVALID_ARGUMENT;
@@ -380,16 +403,20 @@ FILTER_STATUS TakePacket(PCSTR Name, PVOID Target, PFilterPacket Packet, Take &&
  * so nothing is ever queued for or delivered to it.
  */
 template <typename Take>
-FILTER_STATUS TakeAdapterPacket(PCSTR Name, PFilterAdapter Adapter, PFilterPacket Packet, Take &&take)
+FILTER_STATUS TakeAdapterPacket(PCSTR Name, PFilterAdapter Adapter, PFilterPacket Packet, Take &&take,
+                                BOOLEAN HandOn = TRUE)
 {
-    return TakePacket(Name, Adapter, Packet, [&]() -> FILTER_STATUS {
+    return TakePacket(
+        Name, Adapter, Packet,
+        [&]() -> FILTER_STATUS {
         if (!NdisFilter_IsOpenAdapter(Adapter)) {
             NF_PRINT("%s: adapter 0x%p is not open\n", Name, (PVOID)Adapter);
             Filter_ReleasePacket(Packet);
             return FILTER_ERROR_INVALID_ARGUMENT;
         }
         return take();
-    });
+        },
+        HandOn);
 }
 
 } // namespace
@@ -401,10 +428,13 @@ namespace {
 /*
  * Hands a packet to the hook driver for the adapter or the protocols. A
  * packet that cannot go on is released; once the hook function has it, it is
- * the hook driver's whatever it answers.
+ * the hook driver's whatever it answers. `FromWalk`: the packet is the one a
+ * walk of the hook driver's or a worker's packet just finished with (no walk
+ * frame of this thread carries it) and its m_hAdapter is `Adapter`; it is
+ * only touched under the guard when it is to be dumped.
  */
 FILTER_STATUS DeliverToHook(PCSTR Name, PCSTR ExceptionName, PCSTR Marker, BOOLEAN ToAdapter, PFilterAdapter Adapter,
-                            PFilterPacket Packet)
+                            PFilterPacket Packet, BOOLEAN FromWalk = FALSE)
 {
     return TakeAdapterPacket(Name, Adapter, Packet, [&]() -> FILTER_STATUS {
         NfHookReference hook;
@@ -414,10 +444,11 @@ FILTER_STATUS DeliverToHook(PCSTR Name, PCSTR ExceptionName, PCSTR Marker, BOOLE
             Filter_ReleasePacket(Packet);
             return FILTER_ERROR_INTERFACE_NOT_ACTIVE;
         }
-        LONG code = FilterGuard([&] {
+        LONG code = !FromWalk || Adapter->m_bPacketDump ? FilterGuard([&] {
             Packet->m_hAdapter = Adapter;
             Filter_DumpPacket(Marker, Packet);
-        });
+        })
+                                                        : 0;
         if (code != 0) {
             /* Not handed over yet: the packet is still ours to release. */
             NF_PRINT("%s: exception, code = %d\n", ExceptionName, (int)code);
@@ -436,7 +467,17 @@ FILTER_STATUS DeliverToHook(PCSTR Name, PCSTR ExceptionName, PCSTR Marker, BOOLE
             status = FILTER_ERROR_EXCEPTION;
         }
         return status;
-    });
+    }, !FromWalk);
+}
+
+VOID Deliver(FILTER_TYPE Type, PFilterPacket Packet, BOOLEAN HandOn)
+{
+    if (Type == FILTER_TYPE_INCOMING_PACKET || Type == FILTER_TYPE_INJECT_TO_PROTOCOL)
+        DeliverToHook("Filter_IndicatePacketToProtocolEx", "Filter_InjectPacketToProtocolEx", "AA Indicate To Protocol",
+                      FALSE, Packet->m_hAdapter, Packet, !HandOn);
+    else
+        DeliverToHook("Filter_InjectPacketToAdapterEx", "Filter_InjectPacketToAdapterEx", "VV Inject To Adapter", TRUE,
+                      Packet->m_hAdapter, Packet, !HandOn);
 }
 
 } // namespace
@@ -499,15 +540,22 @@ ULONG QueueOf(PFilterPacket Packet)
     return (NfReadWireWord(Packet->m_pIp + 12) + NfReadWireWord(Packet->m_pIp + 16)) & 1;
 }
 
+/*
+ * Appends a packet to its queue. The worker drains until it finds the queue
+ * empty, so only the packet that makes an empty queue non-empty wakes it.
+ */
 VOID Enqueue(PFilterPacket Packet)
 {
     ULONG queue = QueueOf(Packet);
+    BOOLEAN first;
     {
         NfWriteLock lock(&g_pGlobal->m_InjectedPacketLock[queue]);
+        first = IsListEmpty(&g_pGlobal->m_InjectedPacketList[queue]);
         InsertTailList(&g_pGlobal->m_InjectedPacketList[queue], &Packet->m_InjectLink);
         InterlockedIncrement(&g_pGlobal->m_nInjectPacketCount);
     }
-    NdisSetEvent(&g_pGlobal->m_InjectPacketEvent[queue]);
+    if (first)
+        NdisSetEvent(&g_pGlobal->m_InjectPacketEvent[queue]);
 }
 
 FILTER_STATUS InjectLater(PCSTR Name, PFilterAdapter Adapter, PFilterPacket Packet, ULONG Direction, ULONG_PTR Origin)
@@ -615,16 +663,19 @@ VOID ProcessInjectedPacket(PFilterPacket Packet)
     }
 }
 
-/* Processes the queue's packets one at a time, in order, with the lock free while each is processed. */
-VOID DrainQueue(ULONG Queue)
+/*
+ * Processes the queue's packets one at a time, in order, with the lock free
+ * while each is processed. TRUE when there was at least one.
+ */
+BOOLEAN DrainQueue(ULONG Queue)
 {
     PLIST_ENTRY head = &g_pGlobal->m_InjectedPacketList[Queue];
-    for (;;) {
+    for (BOOLEAN drained = FALSE;; drained = TRUE) {
         PFilterPacket packet;
         {
             NfWriteLock lock(&g_pGlobal->m_InjectedPacketLock[Queue]);
             if (IsListEmpty(head))
-                return;
+                return drained;
             packet = CONTAINING_RECORD(RemoveHeadList(head), FilterPacket, m_InjectLink);
             InterlockedDecrement(&g_pGlobal->m_nInjectPacketCount);
         }
@@ -637,7 +688,8 @@ VOID DrainQueue(ULONG Queue)
 /*
  * InjectedPacketThread - serves injection queue `StartContext` (0 or 1). Wakes
  * on the queue's event or every 10 ms, so it also notices m_bStopShare
- * without being signalled. IRQL = PASSIVE_LEVEL, priority 16.
+ * without being signalled; after draining it polls the queue briefly before
+ * it sleeps again. IRQL = PASSIVE_LEVEL, priority 16.
  */
 EXTERN_C VOID NTAPI InjectedPacketThread(PVOID StartContext)
 {
@@ -646,9 +698,14 @@ EXTERN_C VOID NTAPI InjectedPacketThread(PVOID StartContext)
     NF_TRACE(NF_DBG_PACKET, "Enter InjectedPacketThread\n");
     NdisFilter_WorkerThreadEnter();
 
+    PLIST_ENTRY head = &global->m_InjectedPacketList[queue];
     while (!global->m_bStopShare) {
         NdisWaitEvent(&global->m_InjectPacketEvent[queue], NF_INJECT_WAIT_MS);
-        DrainQueue(queue);
+        /* After a run of packets, more are likely: poll before sleeping. */
+        while (DrainQueue(queue) && !global->m_bStopShare &&
+               NdisFilter_PollBriefly(
+                   [&] { return *(PLIST_ENTRY volatile *)&head->Flink != head || global->m_bStopShare; }))
+            ;
         /* The event may be reset only while the queue is seen empty under its lock. */
         NfReadLock lock(&global->m_InjectedPacketLock[queue]);
         if (IsListEmpty(&global->m_InjectedPacketList[queue]))

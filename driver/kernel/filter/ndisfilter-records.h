@@ -15,7 +15,28 @@ struct _FilterDriver {
     PVOID m_pDriverContext;
 };
 
-/* A packet filter in one of the four chains. Its name's characters follow the record. */
+/*
+ * A filter's counts kept by one walk slot, on a cache line of its own. A
+ * walk slot belongs to one thread while its walks last (see
+ * ndisfilter-packetapi.cpp), so that thread adds to its line with plain
+ * increments; the last slot is shared by walks that found no slot and is
+ * only added to with interlocked increments. Readers sum every slot.
+ */
+#define NF_WALK_SLOTS 32
+#define NF_FILTER_COUNT_SLOTS (NF_WALK_SLOTS + 1)
+typedef struct _NfFilterCounts {
+    volatile LONG m_PacketProcess;
+    volatile LONG m_PacketBypass;
+    volatile LONG m_PacketDiscard;
+    volatile LONG m_PacketConsume;
+    volatile LONG m_PacketCapture;
+    UCHAR m_Padding[64 - 5 * sizeof(LONG)];
+} NfFilterCounts;
+
+/*
+ * A packet filter in one of the four chains. Its name's characters follow
+ * the record, then (from the next 64-byte boundary) its per-slot counts.
+ */
 struct _PacketFilter {
     LIST_ENTRY m_ListEntry;
     ULONG m_Tag; /* FILTER_PACKET_FILTER_TAG */
@@ -26,12 +47,16 @@ struct _PacketFilter {
     PVOID m_pFilterContext;
     FILTER_TYPE m_FilterType;
     ULONG m_FilterOrder;
-    volatile LONG m_PacketProcess;
-    volatile LONG m_PacketBypass;
-    volatile LONG m_PacketDiscard;
-    volatile LONG m_PacketConsume;
-    volatile LONG m_PacketCapture;
+    NfFilterCounts *m_pCounts; /* NF_FILTER_COUNT_SLOTS records in the same block */
+    LIST_ENTRY m_RemovedLink; /* on the remover's list while walks drain */
 };
+
+/*
+ * The exact totals of a filter's counts (their m_Padding is left alone).
+ * Reads only through the record, so callers with a doubtful handle run it
+ * under the fault guard.
+ */
+VOID NdisFilter_SumFilterCounts(const PacketFilter *Filter, NfFilterCounts *Totals);
 
 /* An adapter event handler; at most one per filter driver. */
 struct _EventHandler {

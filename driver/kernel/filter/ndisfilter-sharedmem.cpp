@@ -331,6 +331,16 @@ BOOLEAN SharingStopped(VOID)
     return g_pGlobal->m_pSharedMemory == NULL || g_pGlobal->m_bStopShare;
 }
 
+/* TRUE when the input ring holds a block the framework has not taken yet. */
+BOOLEAN InputPending(VOID)
+{
+    if (SharingStopped())
+        return FALSE;
+    NfReadLock lock(&g_pGlobal->m_InputBlockLock);
+    LONG write = InputWriteIndex(&g_pGlobal->m_InputRing);
+    return write >= 0 && write != g_pGlobal->m_InputRing.m_iOwnIndex;
+}
+
 /* TRUE when the program has read every block of the output ring (an index out of range: not empty). */
 BOOLEAN OutputRingEmpty(VOID)
 {
@@ -613,8 +623,10 @@ EXTERN_C NTSTATUS NdisFilter_IOCtrlWriteShare(PIRP Irp)
 /*
  * ShareMemoryThread - serves the input ring: turns each block into a packet
  * and sends it through the inject chain of its direction (3: straight back to
- * the output ring); sleeps on m_ShareMemoryEvent when the ring is empty and
- * leaves once m_bStopShare is set. IRQL = PASSIVE_LEVEL, priority 16.
+ * the output ring); when the ring is empty it polls it briefly, then sleeps
+ * on m_ShareMemoryEvent, and leaves once m_bStopShare is set. A block that
+ * stays in the ring (see NdisFilter_ReadShareMemory) ends the polling.
+ * IRQL = PASSIVE_LEVEL, priority 16.
  */
 EXTERN_C VOID NTAPI ShareMemoryThread(PVOID StartContext)
 {
@@ -623,13 +635,20 @@ EXTERN_C VOID NTAPI ShareMemoryThread(PVOID StartContext)
     NF_TRACE(NF_DBG_SHARED_MEMORY, "Enter ShareMemoryThread\n");
     NdisFilter_WorkerThreadEnter();
 
+    BOOLEAN polled = FALSE;
     while (!global->m_bStopShare) {
         PFilterPacket packet = NdisFilter_ReadShareMemory();
         if (packet == NULL) {
+            if (!polled && NdisFilter_PollBriefly([&] { return InputPending() || global->m_bStopShare; })) {
+                polled = TRUE;
+                continue;
+            }
+            polled = FALSE;
             NdisWaitEvent(&global->m_ShareMemoryEvent, NF_WORKER_EXIT_WAIT_MS);
             NdisResetEvent(&global->m_ShareMemoryEvent);
             continue;
         }
+        polled = FALSE;
         switch (packet->m_nDirection) {
         case FILTER_DIRECTION_TO_PROTOCOL:
         case FILTER_DIRECTION_TO_ADAPTER:
